@@ -268,6 +268,17 @@ INSTANTIATE_TEST_SUITE_P(
                                DAY + 24 * HOUR + 7 * HOUR + 7 * MINUTE, "09:07"}),
     [](const testing::TestParamInfo<MarkupCase>& info) { return info.param.name; });
 
+TEST_F(NoticeTest, WritesTheTimeInTheLanguageOfTheLookAndFeel) {
+    lookAndFeel = std::make_shared<App::FixedLookAndFeelManager>("ar_EG");
+    presenter->richText = false;
+    const long long start = DAY + 9 * HOUR + 7 * MINUTE;
+    SetFirst(start);
+    TickAt(start - 4 * HOUR);
+    ASSERT_EQ(Operations(), "Show");
+    // Arabic-Indic digits: zero nine, zero seven.
+    EXPECT_EQ(ShownText(0), TEXT.arg(QString::fromUtf8("\xD9\xA0\xD9\xA9:\xD9\xA0\xD9\xA7")));
+}
+
 TEST_F(NoticeTest, InstalledTranslatorChangesTextTimeFormatAndButton) {
     QTranslator translator;
     ASSERT_TRUE(translator.load(QStringLiteral(VEXLOR_TEST_QM_DE)));
