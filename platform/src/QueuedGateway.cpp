@@ -10,8 +10,11 @@ namespace Vexlor::ExternalStimulus {
 
 QueuedGateway::QueuedGateway() : context(std::make_unique<QObject>()) {}
 
-// Destroying the context removes the deliveries still queued for it.
-QueuedGateway::~QueuedGateway() = default;
+// Destroying the context removes the deliveries still queued for it; it goes first, before
+// the handlers those deliveries would use.
+QueuedGateway::~QueuedGateway() {
+    context.reset();
+}
 
 void QueuedGateway::RegisterHandler(const std::string& name, Handler handler) {
     std::lock_guard<std::mutex> lock(mutex);
