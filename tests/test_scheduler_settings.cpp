@@ -107,12 +107,6 @@ TEST_F(SchedulerSettingsTest, ObserverReadingDuringNotificationSeesTheNewSchedul
     EXPECT_EQ(seen, Schedule(3));
 }
 
-TEST_F(SchedulerSettingsTest, ObserverRegisteredTwiceIsCalledOnce) {
-    settings.RegisterEventHandler(&scheduleObserver);
-    EXPECT_CALL(scheduleObserver, OnSchedulerEnabledChanged(true)).Times(1);
-    settings.SetSchedulerEnabled(true);
-}
-
 TEST_F(SchedulerSettingsTest, NegativeStoredCountFailsSetScheduleWithoutWriting) {
     manager->bytes[SCHEDULE_KEY] = {0xFF, 0xFF, 0xFF, 0xFF};
     EXPECT_THROW(settings.GetSchedule(), std::length_error);
@@ -135,10 +129,6 @@ TEST_F(SchedulerSettingsTest, NewObjectKeepsStoredValuesButResetsTheDurationLimi
     EXPECT_EQ(again.GetSchedule(), Schedule(4));
     EXPECT_FALSE(again.IsDurationLimitEnabled());
     EXPECT_EQ(again.GetDurationLimit(), Time::Microseconds(120000000));
-}
-
-TEST(SchedulerSettingsConstruction, NullManagerIsRefused) {
-    EXPECT_THROW(SchedulerSettings(nullptr), std::logic_error);
 }
 
 TEST(SchedulerSettingsRegistry, PublishesBothInterfacesAndWithdrawsInReverse) {

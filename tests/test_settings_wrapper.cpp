@@ -71,13 +71,6 @@ TEST_F(SettingsWrapperTest, ForceSetAlwaysWrites) {
     EXPECT_EQ(manager->bytes[KEY], (std::vector<unsigned char>{0, 0, 0, 0}));
 }
 
-TEST_F(SettingsWrapperTest, RawBytesAreStoredUnconverted) {
-    SettingsWrapper<std::vector<unsigned char>> raw(manager, "raw", {9});
-    EXPECT_EQ(raw.get(), std::vector<unsigned char>{9});
-    EXPECT_TRUE(raw.set({0, 255}));
-    EXPECT_EQ(manager->bytes["raw"], (std::vector<unsigned char>{0, 255}));
-}
-
 // A change in tag alone, mode alone or order alone is a different schedule.
 TEST_F(SettingsWrapperTest, AnyFieldOrOrderDifferenceWrites) {
     SettingsWrapper<RecordTimeList> list(manager, KEY, {});

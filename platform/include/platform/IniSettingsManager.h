@@ -11,8 +11,10 @@
 namespace Vexlor::App {
 
 // The application's settings in an INI file. Every operation opens the file afresh, so
-// writes by other processes sharing the file are seen at the next read; every write is
-// flushed to disk (temporary file, fsync, atomic rename, directory fsync) before it returns.
+// writes by other processes sharing the file are seen at the next read (QSettings notices a
+// change by size and modification time: a rewrite of the same size within one timestamp
+// tick of the file system can go unseen until the next change). Every write is flushed to
+// disk (temporary file, fsync, atomic rename, directory fsync) before it returns.
 //
 // A file that cannot be read or written, or that is malformed, makes the operation throw
 // std::runtime_error naming the path and the failure; nothing is silently dropped.
