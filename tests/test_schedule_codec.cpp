@@ -134,6 +134,17 @@ TEST(ScheduleDecoding, RecordCutInTheMiddleKeepsWhatWasRead) {
               (RecordTimeList{Record("Demo", -1, 1700000000000000, 0, RecordMode::Mode0)}));
 }
 
+// QDataStream's own outcome for a declared title length beyond the data: a null title and
+// nothing left to read.
+TEST(ScheduleDecoding, TitleLongerThanTheDataConsumesTheRest) {
+    const RecordTimeList decoded = Decode(Hex("00 00 00 02 00 10 00 00 00 41 00 42 00 00 00 07"));
+    ASSERT_EQ(decoded.size(), 2u);
+    EXPECT_TRUE(decoded[0].title.isNull());
+    EXPECT_EQ(decoded[0].tag, 0);
+    EXPECT_FALSE(decoded[1].title.isNull());
+    EXPECT_EQ(decoded[1], Record("", 0, 0, 0, RecordMode::Mode0));
+}
+
 TEST(ScheduleDecoding, EmptyInputIsTheEmptyList) {
     EXPECT_TRUE(Decode({}).empty());
 }

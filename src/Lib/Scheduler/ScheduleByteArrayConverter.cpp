@@ -4,6 +4,7 @@
 
 #include <QDataStream>
 #include <QIODevice>
+#include <QtEndian>
 
 #include "settings/ByteArrayConverter.h"
 
@@ -20,6 +21,24 @@ QK::RecordMode ToRecordMode(int value) {
         default:
             return QK::RecordMode::Mode0;
     }
+}
+
+// As `stream >> title`, without the allocation of up to 2 MB that QDataStream makes for a
+// declared length before it finds the bytes missing. Such a title comes out as Qt leaves
+// it (null, the rest of the stream consumed); every other title is read by QDataStream.
+void ReadTitle(QDataStream& stream, QString& title) {
+    QIODevice* device = stream.device();
+    const QByteArray lengthWord = device->peek(4);
+    if (lengthWord.size() == 4) {
+        const quint32 length = qFromBigEndian<quint32>(lengthWord.constData());
+        const qint64 available = device->bytesAvailable() - 4;
+        if (length != 0xFFFFFFFFu && length % 2 == 0 && length > available) {
+            title = QString();
+            stream.skipRawData(static_cast<int>(device->bytesAvailable()));
+            return;
+        }
+    }
+    stream >> title;
 }
 
 }  // namespace
@@ -72,7 +91,7 @@ QK::RecordTimeList ByteArrayConverter<QK::RecordTimeList>::operator()(
         long long startTime = 0;
         long long duration = 0;
         int mode = 0;
-        stream >> record.title;
+        ReadTitle(stream, record.title);
         stream >> record.tag;
         stream >> startTime >> duration >> mode;
         record.startTime = Time::TimePoint(Time::Microseconds(startTime));
