@@ -1,12 +1,17 @@
 #include "platform/IniSettingsManager.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 #include <QByteArray>
 #include <QFile>
@@ -30,6 +35,43 @@ const char* StatusText(QSettings::Status status) {
     return "unknown error";
 }
 
+// QSettings' lock file is created empty, locked (flock) and then filled in. A writer killed
+// in between leaves an empty file that QSettings only takes for stale after 30 s, stalling
+// the next write that long. An empty lock file that nobody holds and that is older than
+// any live writer's create-to-fill moment is such a leftover; it is removed the way Qt
+// removes stale locks (holding the native lock while unlinking).
+void RemoveAbandonedLockFiles(const QString& path) {
+    constexpr auto SETTLE_TIME = std::chrono::milliseconds(100);
+    for (const QString& suffix : {QStringLiteral(".lock"), QStringLiteral(".lock.rmlock")}) {
+        const QByteArray lockPath = QFile::encodeName(path + suffix);
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            const int fd = ::open(lockPath.constData(), O_RDWR | O_CLOEXEC);
+            if (fd < 0) {
+                break;
+            }
+            struct stat info {};
+            bool young = false;
+            if (::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::fstat(fd, &info) == 0 &&
+                info.st_size == 0) {
+                timespec now{};
+                ::clock_gettime(CLOCK_REALTIME, &now);
+                const auto age = std::chrono::seconds(now.tv_sec - info.st_mtim.tv_sec) +
+                                 std::chrono::nanoseconds(now.tv_nsec - info.st_mtim.tv_nsec);
+                if (age >= SETTLE_TIME) {
+                    ::unlink(lockPath.constData());
+                } else {
+                    young = true;
+                }
+            }
+            ::close(fd);
+            if (!young) {
+                break;
+            }
+            std::this_thread::sleep_for(SETTLE_TIME);
+        }
+    }
+}
+
 // One QSettings per operation: QSettings keeps its first error forever, so a long-lived one
 // could not tell a failure now from one long past. Opening re-reads the file if it changed
 // since this process last read it, which is how other processes' writes become visible.
@@ -47,6 +89,7 @@ public:
     // Writes pending changes through a temporary file and a rename, then makes the rename
     // itself durable.
     void Commit(const char* operation) {
+        RemoveAbandonedLockFiles(path);
         settings.sync();
         Check(operation);
         SyncDirectory();
