@@ -28,9 +28,9 @@ QK::RecordMode ToRecordMode(int value) {
 // it (null, the rest of the stream consumed); every other title is read by QDataStream.
 void ReadTitle(QDataStream& stream, QString& title) {
     QIODevice* device = stream.device();
-    const QByteArray lengthWord = device->peek(4);
-    if (lengthWord.size() == 4) {
-        const quint32 length = qFromBigEndian<quint32>(lengthWord.constData());
+    char lengthWord[4];
+    if (device->peek(lengthWord, sizeof lengthWord) == sizeof lengthWord) {
+        const quint32 length = qFromBigEndian<quint32>(lengthWord);
         const qint64 available = device->bytesAvailable() - 4;
         if (length != 0xFFFFFFFFu && length % 2 == 0 && length > available) {
             title = QString();
