@@ -197,10 +197,9 @@ TEST_P(NullService, IsRefusedAndNoReferenceIsKept) {
         Scheduler(n == 0 ? nullptr : settings, n == 1 ? nullptr : ui, n == 2 ? nullptr : gateway,
                   n == 3 ? nullptr : power, n == 4 ? nullptr : clock, n == 5 ? nullptr : timer),
         std::logic_error);
-    for (long uses : {settings.use_count(), ui.use_count(), gateway.use_count(), power.use_count(),
-                      clock.use_count(), timer.use_count()}) {
-        EXPECT_EQ(uses, 1);
-    }
+    EXPECT_THAT((std::vector<long>{settings.use_count(), ui.use_count(), gateway.use_count(),
+                                   power.use_count(), clock.use_count(), timer.use_count()}),
+                testing::Each(1));
     EXPECT_TRUE(registry.calls.empty());
     EXPECT_EQ(clock->reads + settings->writes, 0);
 }
