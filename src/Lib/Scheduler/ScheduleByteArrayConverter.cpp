@@ -26,15 +26,17 @@ QK::RecordMode ToRecordMode(int value) {
 // As `stream >> title`, without the allocation of up to 2 MB that QDataStream makes for a
 // declared length before it finds the bytes missing. Such a title comes out as Qt leaves
 // it (null, the rest of the stream consumed); every other title is read by QDataStream.
-void ReadTitle(QDataStream& stream, QString& title) {
+// `data` is the buffer under `stream`: the length word is read in place, which keeps the
+// check as cheap as the read itself.
+void ReadTitle(QDataStream& stream, const QByteArray& data, QString& title) {
     QIODevice* device = stream.device();
-    char lengthWord[4];
-    if (device->peek(lengthWord, sizeof lengthWord) == sizeof lengthWord) {
-        const quint32 length = qFromBigEndian<quint32>(lengthWord);
-        const qint64 available = device->bytesAvailable() - 4;
+    const qint64 position = device->pos();
+    const qint64 available = data.size() - position - 4;
+    if (available >= 0) {
+        const quint32 length = qFromBigEndian<quint32>(data.constData() + position);
         if (length != 0xFFFFFFFFu && length % 2 == 0 && length > available) {
             title = QString();
-            stream.skipRawData(static_cast<int>(device->bytesAvailable()));
+            device->seek(data.size());
             return;
         }
     }
@@ -91,7 +93,7 @@ QK::RecordTimeList ByteArrayConverter<QK::RecordTimeList>::operator()(
         long long startTime = 0;
         long long duration = 0;
         int mode = 0;
-        ReadTitle(stream, record.title);
+        ReadTitle(stream, data, record.title);
         stream >> record.tag;
         stream >> startTime >> duration >> mode;
         record.startTime = Time::TimePoint(Time::Microseconds(startTime));
