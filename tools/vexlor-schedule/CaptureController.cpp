@@ -73,6 +73,7 @@ void CaptureController::OnScheduledCaptureStarted(const QK::RecordTime& record) 
 
 void CaptureController::Begin(const QK::RecordTime& record) {
     currentTitle = record.title;
+    endRequest.clear();
     printer.RecordingStarted(record);
     const long long durationMs = record.duration.count() / 1000;
     if (record.duration.count() != 0) {
@@ -101,12 +102,15 @@ void CaptureController::Begin(const QK::RecordTime& record) {
         ::setpgid(static_cast<pid_t>(process->processId()),
                   static_cast<pid_t>(process->processId()));
     });
-    QObject::connect(process.get(), qOverload<int, QProcess::ExitStatus>(&QProcess::finished),
-                     [this](int exitCode, QProcess::ExitStatus status) {
-                         Finish(status == QProcess::NormalExit
-                                    ? QStringLiteral("exit status %1").arg(exitCode)
-                                    : QStringLiteral("ended by a signal"));
-                     });
+    QObject::connect(
+        process.get(), qOverload<int, QProcess::ExitStatus>(&QProcess::finished),
+        [this](int exitCode, QProcess::ExitStatus status) {
+            if (status == QProcess::NormalExit) {
+                Finish(QStringLiteral("exit status %1").arg(exitCode));
+            } else {
+                Finish(endRequest.isEmpty() ? QStringLiteral("ended by a signal") : endRequest);
+            }
+        });
     QObject::connect(process.get(), &QProcess::errorOccurred, [this](QProcess::ProcessError error) {
         if (error == QProcess::FailedToStart) {
             Finish(QStringLiteral("the command failed to start: %1").arg(process->errorString()));
@@ -121,6 +125,7 @@ void CaptureController::EndByDuration() {
         Finish(QStringLiteral("simulated, duration over"));
         return;
     }
+    endRequest = QStringLiteral("duration over, command stopped");
     Signal(SIGTERM);
     killTimer.start();
 }
@@ -149,6 +154,7 @@ void CaptureController::Stop(std::function<void()> done) {
         Signal(SIGKILL);  // asked twice: no more waiting
         return;
     }
+    endRequest = QStringLiteral("stopped on request");
     Signal(SIGTERM);
     killTimer.start();
 }

@@ -62,6 +62,7 @@ private:
     bool capturing = false;
     std::optional<QK::RecordTime> startedRecord;
     QString currentTitle;
+    QString endRequest;  // why this side signalled the command, if it did
     QTimer durationTimer;
     QTimer killTimer;
     std::unique_ptr<Process> process;

@@ -140,6 +140,8 @@ void RunSession::Reload() {
 }
 
 void RunSession::Shutdown() {
+    printer.Line(shuttingDown ? QStringLiteral("signal received again: ending the capture now")
+                              : QStringLiteral("signal received: stopping"));
     shuttingDown = true;
     controller->Stop([] { QCoreApplication::exit(0); });
 }
