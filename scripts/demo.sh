@@ -15,8 +15,17 @@ workdir="$(mktemp -d)"
 trap 'rm -rf "$workdir"' EXIT
 export VEXLOR_SCHEDULE_SETTINGS="$workdir/settings.ini"
 
+# Echoes each command as it could be typed, then runs it.
 step() {
-  printf '\n$ vexlor-schedule %s\n' "$*"
+  printf '\n$ vexlor-schedule'
+  for argument in "$@"; do
+    if [[ "$argument" =~ ^[A-Za-z0-9_./:=-]+$ ]]; then
+      printf ' %s' "$argument"
+    else
+      printf " '%s'" "${argument//\'/\'\\\'\'}"
+    fi
+  done
+  printf '\n'
   "$program" "$@"
 }
 
@@ -25,5 +34,9 @@ step enable
 step status
 # The command would run for 10 s; the recording's 3 s end it first.
 step run --until-empty --exec 'echo "capturing $VEXLOR_TITLE from $VEXLOR_START for $VEXLOR_DURATION_MS ms"; exec sleep 10'
-step list
+listed="$(step list)"
+printf '%s\n' "$listed"
+if [ "$(printf '%s\n' "$listed" | wc -l)" -le 2 ]; then
+  echo "(nothing listed: the schedule is empty)"
+fi
 step status

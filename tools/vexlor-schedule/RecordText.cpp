@@ -67,9 +67,11 @@ QString FormatRecordLine(const QK::RecordTime& record) {
 }
 
 QString DescribeRecord(const QK::RecordTime& record) {
-    return QStringLiteral("%1 at %2 for %3")
-        .arg(QuoteTitle(record.title), FormatLocalTime(record.startTime),
-             FormatDuration(record.duration));
+    const QString length = record.duration.count() == 0
+                               ? QStringLiteral("with no planned end")
+                               : QStringLiteral("for %1").arg(FormatDuration(record.duration));
+    return QStringLiteral("%1 at %2 %3")
+        .arg(QuoteTitle(record.title), FormatLocalTime(record.startTime), length);
 }
 
 }  // namespace Vexlor::ScheduleTool

@@ -19,7 +19,7 @@ QString QuoteTitle(const QString& title);
 // One line of `list`: local start, duration, title, tag, mode.
 QString FormatRecordLine(const QK::RecordTime& record);
 
-// `"Title" at 2030-01-31 18:30:00 for 30m`
+// `"Title" at 2030-01-31 18:30:00 for 30m`, or `... with no planned end`
 QString DescribeRecord(const QK::RecordTime& record);
 
 }  // namespace Vexlor::ScheduleTool
