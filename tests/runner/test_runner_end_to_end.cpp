@@ -25,14 +25,20 @@ protected:
     QString SettingsFile() const { return folder.filePath(QStringLiteral("settings.ini")); }
     QString FilePath(const QString& name) const { return folder.filePath(name); }
 
+    // The settings file is named with --settings, or else through the environment.
     std::unique_ptr<QProcess> Start(const QStringList& arguments) {
         auto process = std::make_unique<QProcess>();
         process->setWorkingDirectory(folder.path());
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"));
+        QStringList fullArguments = arguments;
+        if (settingsFromEnvironment) {
+            environment.insert(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"), SettingsFile());
+        } else {
+            fullArguments = QStringList{QStringLiteral("--settings"), SettingsFile()} + arguments;
+        }
         process->setProcessEnvironment(environment);
-        process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM),
-                       QStringList{QStringLiteral("--settings"), SettingsFile()} + arguments);
+        process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM), fullArguments);
         EXPECT_TRUE(process->waitForStarted(5000));
         return process;
     }
@@ -74,6 +80,7 @@ protected:
     }
 
     QTemporaryDir folder;
+    bool settingsFromEnvironment = false;
 };
 
 // The environment of each capture command, one line per capture.
@@ -130,12 +137,64 @@ TEST_F(RunnerTest, RecordingThatPassedWhileNotRunningIsDroppedUnrun) {
     EXPECT_EQ(Run({"list"}).out, QString());
 }
 
+TEST_F(RunnerTest, RecordDueDuringACaptureIsDroppedUnrun) {
+    Add({"Running", "--in", "1s", "--for", "3s"});
+    Add({"Squeezed", "--in", "2s", "--for", "1s", "--allow-overlap"});
+    ASSERT_EQ(Run({"enable"}).exitCode, 0);
+
+    // The command outlasts the recording, so the capture ends with its duration.
+    const Outcome run = Run({"run", "--until-empty", "--exec", WRITE_ENVIRONMENT + "; sleep 10"});
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_TRUE(run.out.contains("records dropped: \"Squeezed\"")) << run.out.toStdString();
+    EXPECT_FALSE(run.out.contains("records dropped: \"Running\""));
+    const QStringList lines =
+        QString::fromUtf8(ReadFile("environment.txt")).split('\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 1);
+    EXPECT_TRUE(lines[0].startsWith("Running|"));
+}
+
+TEST_F(RunnerTest, LeadTimeStartsTheCaptureEarlyWithItsFullDuration) {
+    Add({"Ahead", "--in", "3s", "--for", "1s"});
+    ASSERT_EQ(Run({"enable"}).exitCode, 0);
+
+    const Outcome run = Run({"run", "--until-empty", "--lead", "1s", "--exec",
+                             WRITE_ENVIRONMENT + " && date +%s%3N > started.txt"});
+    EXPECT_EQ(run.exitCode, 0);
+    const QStringList capture = QString::fromUtf8(ReadFile("environment.txt")).trimmed().split('|');
+    ASSERT_EQ(capture.size(), 5);
+    EXPECT_EQ(capture[2], "1000");  // requested before its start: nothing is cut
+    const QDateTime plannedStart = QDateTime::fromString(capture[1], Qt::ISODateWithMs);
+    const long long startedMs = ReadFile("started.txt").trimmed().toLongLong();
+    EXPECT_NEAR(plannedStart.toMSecsSinceEpoch() - startedMs, 1000, 300);
+}
+
+TEST_F(RunnerTest, EditingCommandsUseTheFileNamedInTheEnvironment) {
+    settingsFromEnvironment = true;
+    Add({"Early", "--in", "1h", "--for", "10m", "--tag", "3", "--mode", "2"});
+    Add({"Late", "--in", "2h"});
+
+    const QString status = Run({"status"}).out;
+    EXPECT_TRUE(status.contains("scheduling: disabled"));
+    EXPECT_TRUE(status.contains("next: \"Early\"")) << status.toStdString();
+    EXPECT_EQ(Run({"remove", "Missing"}).exitCode, 1);
+    EXPECT_EQ(Run({"remove", "Early"}).exitCode, 0);
+
+    const QStringList listed = Run({"list"}).out.split('\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(listed.size(), 1);
+    EXPECT_TRUE(listed[0].contains("\"Late\"  tag -1  mode 0")) << listed[0].toStdString();
+    EXPECT_TRUE(QFile::exists(SettingsFile()));
+}
+
 struct RefusedAdd {
     const char* name;
     QStringList arguments;
     int exitCode;
     const char* named;  // what the message must name
 };
+
+void PrintTo(const RefusedAdd& row, std::ostream* out) {
+    *out << row.name;
+}
 
 class RefusedAddTest : public RunnerTest, public testing::WithParamInterface<RefusedAdd> {};
 
@@ -191,6 +250,20 @@ TEST_F(RunnerTest, AddFromAnotherProcessReachesTheRunningScheduler) {
     ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
     EXPECT_EQ(Finish(*run).exitCode, 0);
     EXPECT_TRUE(Run({"list"}).out.contains("\"Later\""));
+}
+
+TEST_F(RunnerTest, SecondRunOnTheSameScheduleIsRefused) {
+    Add({"Later", "--in", "1h"});
+    auto run = Start({"run"});
+    QString seen;
+    ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000)) << seen.toStdString();
+
+    const Outcome second = Run({"run"});
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_TRUE(second.err.contains("another run")) << second.err.toStdString();
+
+    ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
+    EXPECT_EQ(Finish(*run).exitCode, 0);
 }
 
 bool ProcessEnded(long long pid) {

@@ -14,6 +14,10 @@ struct DurationRow {
     std::optional<long long> micros;
 };
 
+void PrintTo(const DurationRow& row, std::ostream* out) {
+    *out << '"' << row.text << '"';
+}
+
 class ParseDurationTest : public testing::TestWithParam<DurationRow> {};
 
 TEST_P(ParseDurationTest, ReadsTheWrittenForm) {

@@ -28,7 +28,11 @@ CaptureController::CaptureController(QK::IScheduler& scheduler, EventPrinter& pr
     durationTimer.setSingleShot(true);
     // A coarse timer may end a capture 5 % of its length early or late.
     durationTimer.setTimerType(Qt::PreciseTimer);
-    QObject::connect(&durationTimer, &QTimer::timeout, [this] { EndByDuration(); });
+    QObject::connect(&durationTimer, &QTimer::timeout, [this] {
+        if (!ArmDurationLeg()) {
+            EndByDuration();
+        }
+    });
     killTimer.setSingleShot(true);
     killTimer.setInterval(KILL_DELAY_MS);
     QObject::connect(&killTimer, &QTimer::timeout, [this] { Signal(SIGKILL); });
@@ -77,8 +81,12 @@ void CaptureController::Begin(const QK::RecordTime& record) {
     printer.RecordingStarted(record);
     const long long durationMs = record.duration.count() / 1000;
     if (record.duration.count() != 0) {
-        // A late start can leave nothing of the planned duration; such a capture ends at once.
-        durationTimer.start(static_cast<int>(std::clamp<long long>(durationMs, 0, INT_MAX)));
+        captureEnd.setRemainingTime(durationMs, Qt::PreciseTimer);
+        if (!ArmDurationLeg()) {
+            // A start so late that nothing of the planned duration is left.
+            Finish(QStringLiteral("its planned end had passed, nothing run"));
+            return;
+        }
     }
     if (!command) {
         return;  // simulated: only the duration ends it
@@ -120,6 +128,16 @@ void CaptureController::Begin(const QK::RecordTime& record) {
     process->start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), *command});
 }
 
+// A QTimer holds at most INT_MAX ms (about 24 days); longer captures take several legs.
+bool CaptureController::ArmDurationLeg() {
+    const qint64 remaining = captureEnd.remainingTime();
+    if (remaining <= 0) {
+        return false;
+    }
+    durationTimer.start(static_cast<int>(std::min<qint64>(remaining, INT_MAX)));
+    return true;
+}
+
 void CaptureController::EndByDuration() {
     if (!process || process->state() == QProcess::NotRunning) {
         Finish(QStringLiteral("simulated, duration over"));
@@ -135,7 +153,10 @@ void CaptureController::Signal(int signal) {
         return;
     }
     const auto pid = static_cast<pid_t>(process->processId());
-    if (pid <= 0 || ::kill(-pid, signal) != 0) {
+    if (pid <= 0) {
+        return;  // not started yet; the kill timer tries again
+    }
+    if (::kill(-pid, signal) != 0) {
         ::kill(pid, signal);
     }
 }

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 
+#include <QDeadlineTimer>
 #include <QProcess>
 #include <QString>
 #include <QTimer>
@@ -49,6 +50,7 @@ private:
     class Process;
 
     void Begin(const QK::RecordTime& record);
+    bool ArmDurationLeg();
     void EndByDuration();
     void Signal(int signal);
     void Finish(const QString& how);
@@ -64,6 +66,7 @@ private:
     QString currentTitle;
     QString endRequest;  // why this side signalled the command, if it did
     QTimer durationTimer;
+    QDeadlineTimer captureEnd;
     QTimer killTimer;
     std::unique_ptr<Process> process;
     std::function<void()> afterStop;

@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
+#include <QLockFile>
 
 #include "Backends.h"
 #include "CaptureController.h"
@@ -170,6 +171,14 @@ void RunSession::CheckIdle() {
 int RunScheduler(const QString& settingsPath, const RunOptions& options) {
     if (!QDir().mkpath(QFileInfo(settingsPath).absolutePath())) {
         std::fprintf(stderr, "vexlor-schedule: cannot create the folder of %s\n",
+                     qPrintable(settingsPath));
+        return 1;
+    }
+    // Two runners on one schedule would both carry out every recording.
+    QLockFile runLock(settingsPath + QStringLiteral(".run-lock"));
+    runLock.setStaleLockTime(0);  // stale only when its process is gone
+    if (!runLock.tryLock(0)) {
+        std::fprintf(stderr, "vexlor-schedule: another run is active on %s\n",
                      qPrintable(settingsPath));
         return 1;
     }
