@@ -6,9 +6,10 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "GuardedApplication.h"
 
 int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
+    Vexlor::ScheduleTool::GuardedApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("vexlor-schedule"));
     FLAGS_logtostderr = true;
     google::InitGoogleLogging(argv[0]);
