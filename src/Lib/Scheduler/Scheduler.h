@@ -21,6 +21,11 @@ namespace Vexlor::QK {
 //
 // Must be driven from one thread; the timer and the gateway must deliver there.
 // BeforeCaptureStarted may come from any thread.
+//
+// Destruction stops an armed timer, and a stimulus callback that the gateway still holds
+// finds the scheduler gone (it keeps a weak reference) and does nothing. Destruction writes
+// nothing to the settings and tells the power manager nothing: a sleep request made while
+// polling stays in place until the application releases it.
 class VEXLOR_SCHEDULER_EXPORT Scheduler : public IScheduler {
 public:
     Scheduler(const std::shared_ptr<ICaptureSchedulerSettings>& settings,

@@ -14,6 +14,23 @@ class Scheduler::Impl {
 public:
     static constexpr Time::Microseconds POLL_INTERVAL{100000};
 
+    // Sets `updatingSettings` for a scope and puts the previous value back, also when the
+    // scope is left by an exception.
+    class UpdatingSettingsScope {
+    public:
+        explicit UpdatingSettingsScope(Impl& engine)
+            : flag(engine.updatingSettings), previous(flag) {
+            flag = true;
+        }
+        ~UpdatingSettingsScope() { flag = previous; }
+        UpdatingSettingsScope(const UpdatingSettingsScope&) = delete;
+        UpdatingSettingsScope& operator=(const UpdatingSettingsScope&) = delete;
+
+    private:
+        bool& flag;
+        bool previous;
+    };
+
     Impl(const std::shared_ptr<ICaptureSchedulerSettings>& settings,
          const std::shared_ptr<IUiSettings>& uiSettings,
          const std::shared_ptr<ExternalStimulus::IGateway>& gateway,
@@ -24,6 +41,17 @@ public:
 
     // Sorted by start, one record per start time, only records starting now or later.
     RecordTimeList GetFilteredSchedule(RecordTimeList schedule) const;
+
+    // Filters `schedule`, stores it and the effective flag (writing the settings only on a
+    // change), then starts or stops polling unless a capture is running.
+    void SetScheduleAndEnable(const RecordTimeList& schedule, bool enable);
+    void StartScheduling();
+    void StopScheduling();
+    void OnTimeout(Time::ITimer::FinishReason reason);
+    // The first task with the lead time taken off its start; `tasks` must not be empty.
+    RecordTime GetFrontTask() const;
+    void RemoveFirstTask();
+    void RequsetStartCapture();
 
     // Field order matters: it is the order in which null services are refused and the
     // reverse of the order of destruction.
@@ -40,6 +68,9 @@ public:
     std::atomic<bool> captureRunning{false};
     bool updatingSettings = false;
     Time::TimerId* timerId = nullptr;
+    // Stimulus callbacks hold a weak reference to this; once the engine is gone they find
+    // it expired and do nothing. Declared last so that it dies first.
+    std::shared_ptr<const bool> alive = std::make_shared<const bool>(true);
 };
 
 }  // namespace Vexlor::QK

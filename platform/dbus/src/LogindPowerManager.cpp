@@ -1,0 +1,122 @@
+#include "platform/LogindPowerManager.h"
+
+#include <utility>
+
+#include <glog/logging.h>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusUnixFileDescriptor>
+
+#include "BusCall.h"
+
+namespace Vexlor::App {
+
+namespace {
+
+using Platform::Bus::Target;
+
+const QString& Login1Service() {
+    static const QString service = QStringLiteral("org.freedesktop.login1");
+    return service;
+}
+
+const Target& Manager() {
+    static const Target target{Login1Service(), QStringLiteral("/org/freedesktop/login1"),
+                               QStringLiteral("org.freedesktop.login1.Manager")};
+    return target;
+}
+
+}  // namespace
+
+struct LogindPowerManager::Impl {
+    QString who;
+    QString why;
+    ChangeCallback onChange;
+    std::chrono::milliseconds timeout;
+    QDBusConnection bus = QDBusConnection::systemBus();
+    // The lock: logind keeps it while any copy of this descriptor is open.
+    QDBusUnixFileDescriptor lock;
+
+    bool Held() const { return lock.isValid(); }
+
+    void Take() {
+        if (Held()) {
+            return;
+        }
+        if (!bus.isConnected()) {
+            LOG(WARNING) << "LogindPowerManager: no system bus; the machine may sleep";
+            return;
+        }
+        const QDBusMessage reply = Platform::Bus::Call(
+            bus, Manager(), QStringLiteral("Inhibit"),
+            {QStringLiteral("sleep"), who, why, QStringLiteral("block")}, timeout);
+        if (!Platform::Bus::IsReply(reply) || reply.arguments().size() != 1) {
+            LOG(WARNING) << "LogindPowerManager: Inhibit failed, the machine may sleep: "
+                         << Platform::Bus::Describe(reply);
+            return;
+        }
+        // Without descriptor passing on the connection the argument arrives empty.
+        auto descriptor = reply.arguments().front().value<QDBusUnixFileDescriptor>();
+        if (!descriptor.isValid()) {
+            LOG(WARNING) << "LogindPowerManager: Inhibit gave no descriptor; the machine may sleep";
+            return;
+        }
+        lock = std::move(descriptor);
+        if (onChange) {
+            onChange(true);
+        }
+    }
+
+    void Release() {
+        if (!Held()) {
+            return;
+        }
+        // The reply that brought the descriptor is gone, so this is its last copy: dropping it
+        // closes it, and logind sees the lock end.
+        lock = QDBusUnixFileDescriptor();
+        if (onChange) {
+            onChange(false);
+        }
+    }
+};
+
+LogindPowerManager::LogindPowerManager(QString who, QString why, ChangeCallback onChange,
+                                       std::chrono::milliseconds timeout)
+    : impl(std::make_unique<Impl>()) {
+    impl->who = std::move(who);
+    impl->why = std::move(why);
+    impl->onChange = std::move(onChange);
+    impl->timeout = timeout;
+}
+
+LogindPowerManager::~LogindPowerManager() {
+    impl->Release();
+}
+
+bool LogindPowerManager::IsAvailable(std::chrono::milliseconds timeout) {
+    return Platform::Bus::Answers(QDBusConnection::systemBus(), Login1Service(), timeout);
+}
+
+std::shared_ptr<LogindPowerManager> LogindPowerManager::Create(const QString& who,
+                                                               const QString& why,
+                                                               ChangeCallback onChange,
+                                                               std::chrono::milliseconds timeout) {
+    if (!IsAvailable(timeout)) {
+        return nullptr;
+    }
+    return std::make_shared<LogindPowerManager>(who, why, std::move(onChange), timeout);
+}
+
+void LogindPowerManager::PreventSleep() {
+    impl->Take();
+}
+
+void LogindPowerManager::AllowSleep() {
+    impl->Release();
+}
+
+bool LogindPowerManager::IsSleepPrevented() const {
+    return impl->Held();
+}
+
+}  // namespace Vexlor::App
