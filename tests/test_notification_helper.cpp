@@ -1,355 +1,182 @@
-#include <memory>
-#include <stdexcept>
-#include <string>
+#include <cstdlib>
+#include <ctime>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <QCoreApplication>
-#include <QEventLoop>
-#include <QTimer>
 #include <QTranslator>
 
 #include "Scheduler/NotificationHelperImpl.h"
 #include "fakes/FakeClock.h"
 #include "fakes/FakeServices.h"
 #include "fakes/LogCapture.h"
-#include "fakes/RecordingPresenter.h"
-#include "fakes/WallClock.h"
 #include "platform/AppServices.h"
 
 namespace Vexlor::QK {
 namespace {
 
-using Testing::AtMicros;
-
-constexpr long long SECOND = 1000000;
-constexpr long long MINUTE = 60 * SECOND;
-constexpr long long HOUR = 60 * MINUTE;
+constexpr long long SECOND = 1000000, MINUTE = 60 * SECOND, HOUR = 60 * MINUTE;
+constexpr long long LEAD_MAX = 16200000000LL, LEAD_MIN = 12600000000LL, WITHDRAW = 30000000LL;
 constexpr long long DAY = 20000LL * 24 * HOUR;  // a midnight, UTC
-constexpr long long LEAD_MAX = 16200000000LL;
-constexpr long long LEAD_MIN = 12600000000LL;
-constexpr long long WITHDRAW = 30000000LL;
-const QString TEXT = QStringLiteral(
-    "A recording is scheduled for %1. Don't turn off your PC and configure your capture area.");
+constexpr long long S = DAY + 14 * HOUR;  // always in the stored schedule, behind the front record
 
 RecordTime Rec(long long start) {
-    RecordTime record;
-    record.title = QStringLiteral("r");
-    record.startTime = AtMicros(start);
-    record.duration = Time::Microseconds(HOUR);
-    return record;
+    return {"r", Testing::AtMicros(start), Time::Microseconds(HOUR)};
 }
 
-class TestPresenter : public Testing::RecordingPresenter {
-public:
-    void Show(std::shared_ptr<DesktopNotification::INotification> notification) override {
-        RecordingPresenter::Show(std::move(notification));
-        if (throwOnShow) {
+// Records what it is asked to do; "Hide?" is a withdrawal of anything but the notice shown.
+struct RecordingPresenter : DesktopNotification::IPresenter {
+    void Show(std::shared_ptr<DesktopNotification::INotification> notice) override {
+        shown = notice;
+        calls.push_back("Show");
+        if (throwing && calls.size() % 2)
+            throw std::runtime_error("presenter gone");
+        if (throwing)
             throw 7;  // not even a std::exception
-        }
     }
-    bool throwOnShow = false;
+    void Hide(std::shared_ptr<DesktopNotification::INotification> notice) override {
+        calls.push_back(notice == shown ? "Hide" : "Hide?");
+    }
+    bool SupportsFeature(int feature) const override { return richText && feature == 0; }
+    bool richText = true, throwing = false;
+    std::shared_ptr<DesktopNotification::INotification> shown;
+    std::vector<std::string> calls;
 };
 
-class TestSettings : public Testing::FakeSchedulerSettings {
-public:
-    RecordTimeList GetSchedule() const override {
-        ++reads;
-        if (throwOnRead) {
-            throw std::runtime_error("settings unavailable");
-        }
-        return FakeSchedulerSettings::GetSchedule();
-    }
-    bool throwOnRead = false;
-    mutable int reads = 0;
-};
-
+// A test drives a tick by calling the timer's function with the wall clock pinned.
 class NoticeTest : public testing::Test {
 protected:
-    Testing::ScopedTimeZone zone{"UTC"};
-    Testing::ScopedFixedNow clock{AtMicros(DAY)};
-    std::shared_ptr<TestPresenter> presenter = std::make_shared<TestPresenter>();
-    Testing::ScopedPresenterCreator factory{presenter};
-    std::shared_ptr<TestSettings> settings = std::make_shared<TestSettings>();
-    std::shared_ptr<App::FixedCustomizationManager> customization =
-        std::make_shared<App::FixedCustomizationManager>("Vexl\xC3\xB6r Capture");
-    std::shared_ptr<App::FixedLookAndFeelManager> lookAndFeel =
+    NoticeTest() {
+        setenv("TZ", "EET-2", 1);  // local time is UTC + 2 h
+        tzset();
+        DesktopNotification::Presenter::Factory::GetInstance().SetCreator(
+            [this](int style, int priority, const QString& category) {
+                requests += QStringLiteral("%1,%2,%3;").arg(style).arg(priority).arg(category);
+                return presenter;
+            });
+    }
+    ~NoticeTest() override {
+        DesktopNotification::Presenter::Factory::GetInstance().SetCreator({});
+        Time::SystemClock::ClearFixedNow();
+    }
+
+    // One tick, with front 0 for an empty schedule; "-" when the presenter was not called.
+    std::string TickAt(long long now, long long front) {
+        settings->schedule = front ? RecordTimeList{Rec(front), Rec(S)} : RecordTimeList{};
+        Time::SystemClock::SetFixedNow(Testing::AtMicros(now));
+        if (!notifier)
+            notifier = std::make_unique<NotificationHelper::Impl>(settings, customization, look);
+        const std::size_t before = presenter->calls.size();
+        notifier->ShowScheduleNotification();
+        return presenter->calls.size() == before ? "-" : presenter->calls.back();
+    }
+
+    // The text of a new notice for 09:07 local time, shown at 05:07.
+    QString NoticeText(bool richText, const char* language) {
+        presenter->richText = richText;
+        look = std::make_shared<App::FixedLookAndFeelManager>(language);
+        notifier.reset();
+        EXPECT_EQ(TickAt(DAY + 3 * HOUR + 7 * MINUTE, DAY + 7 * HOUR + 7 * MINUTE), "Show");
+        return presenter->shown->GetInformationText();
+    }
+
+    std::shared_ptr<RecordingPresenter> presenter = std::make_shared<RecordingPresenter>();
+    QString requests;  // what the factory was asked for
+    // Its scheduler flag is off: the notice must not care.
+    std::shared_ptr<Testing::FakeSchedulerSettings> settings =
+        std::make_shared<Testing::FakeSchedulerSettings>();
+    // The console keeps a notice on one line.
+    std::shared_ptr<App::ICustomizationManager> customization =
+        std::make_shared<App::FixedCustomizationManager>("Vexlör\nCapture");
+    std::shared_ptr<App::ILookAndFeelManager> look =
         std::make_shared<App::FixedLookAndFeelManager>("en_US");
     std::unique_ptr<NotificationHelper::Impl> notifier;
-
-    NotificationHelper::Impl& Notifier() {
-        if (!notifier) {
-            notifier =
-                std::make_unique<NotificationHelper::Impl>(settings, customization, lookAndFeel);
-        }
-        return *notifier;
-    }
-
-    // One check, with the wall clock at `now`.
-    void TickAt(long long now) {
-        clock.Set(AtMicros(now));
-        Notifier().ShowScheduleNotification();
-    }
-
-    void SetFirst(long long start) { settings->schedule = {Rec(start)}; }
-
-    std::string Operations() const {
-        std::string out;
-        for (const auto& call : presenter->calls) {
-            out += (out.empty() ? "" : " ") + call.operation;
-        }
-        return out;
-    }
-
-    QString ShownText(std::size_t call) const {
-        return presenter->calls.at(call).notification->GetInformationText();
-    }
 };
 
-struct LeadCase {
+struct Scenario {
     const char* name;
-    long long lead;
-    const char* operations;
+    std::vector<std::pair<long long, long long>> ticks;  // front record's start, now
+    const char* operations;                              // one word per tick
 };
 
-void PrintTo(const LeadCase& c, std::ostream* os) {
-    *os << c.name;
-}
+class ScenarioTest : public NoticeTest, public testing::WithParamInterface<Scenario> {};
 
-std::string LeadName(const testing::TestParamInfo<LeadCase>& info) {
-    return info.param.name;
-}
-
-class IntervalTest : public NoticeTest, public testing::WithParamInterface<LeadCase> {};
-
-TEST_P(IntervalTest, ShowsOnlyInsideTheClosedInterval) {
-    const long long start = DAY + 14 * HOUR;
-    SetFirst(start);
-    TickAt(start - GetParam().lead);
-    EXPECT_EQ(Operations(), GetParam().operations);
-}
-
-INSTANTIATE_TEST_SUITE_P(Leads, IntervalTest,
-                         testing::Values(LeadCase{"AtUpperBound", LEAD_MAX, "Show"},
-                                         LeadCase{"JustAboveUpperBound", LEAD_MAX + 1, ""},
-                                         LeadCase{"AtLowerBound", LEAD_MIN, "Show"},
-                                         LeadCase{"JustBelowLowerBound", LEAD_MIN - 1, ""},
-                                         LeadCase{"AddedTwoHoursBefore", 2 * HOUR, ""}),
-                         LeadName);
-
-class WithdrawalTest : public NoticeTest, public testing::WithParamInterface<LeadCase> {};
-
-TEST_P(WithdrawalTest, WithdrawsAtThirtySecondsOrLess) {
-    const long long start = DAY + 14 * HOUR;
-    SetFirst(start);
-    TickAt(start - 4 * HOUR);
-    TickAt(start - GetParam().lead);
-    EXPECT_EQ(Operations(), GetParam().operations);
-    if (presenter->calls.size() == 2) {
-        EXPECT_EQ(presenter->calls[1].notification, presenter->calls[0].notification);
+TEST_P(ScenarioTest, ShowsAndWithdrawsAtTheRightTicks) {
+    std::string operations;
+    for (const auto& [front, now] : GetParam().ticks) {
+        operations += (operations.empty() ? "" : " ") + TickAt(now, front);
     }
+    EXPECT_EQ(operations, GetParam().operations);
 }
 
-INSTANTIATE_TEST_SUITE_P(Leads, WithdrawalTest,
-                         testing::Values(LeadCase{"JustAbove", WITHDRAW + 1, "Show"},
-                                         LeadCase{"Exactly", WITHDRAW, "Show Hide"},
-                                         LeadCase{"Started", 0, "Show Hide"},
-                                         LeadCase{"LongPast", -HOUR, "Show Hide"}),
-                         LeadName);
-
-TEST_F(NoticeTest, CountdownFromFiveHoursShowsOnceAndWithdrawsOnceEvenWhenDisabled) {
-    const long long start = DAY + 15 * HOUR;
-    SetFirst(start);
-    settings->enabled = false;
-    std::vector<std::pair<std::string, long long>> events;  // operation, lead
-    for (long long lead = 5 * HOUR - 10 * SECOND; lead >= -30 * SECOND; lead -= 10 * SECOND) {
-        TickAt(start - lead);
-        if (presenter->calls.size() > events.size()) {
-            events.emplace_back(presenter->calls.back().operation, lead);
-        }
-    }
-    EXPECT_EQ(events, (std::vector<std::pair<std::string, long long>>{{"Show", LEAD_MAX},
-                                                                      {"Hide", WITHDRAW}}));
-}
-
-TEST_F(NoticeTest, NewFrontRecordInsideIntervalReplacesTheNoticeOverTwoTicks) {
-    const long long now = DAY + 10 * HOUR;
-    SetFirst(now + 4 * HOUR);
-    TickAt(now);
-    SetFirst(now + 4 * HOUR + 10 * MINUTE);  // 14:10
-    TickAt(now + 10 * SECOND);
-    EXPECT_EQ(Operations(), "Show Hide");
-    EXPECT_EQ(presenter->calls[1].notification, presenter->calls[0].notification);
-    TickAt(now + 20 * SECOND);
-    ASSERT_EQ(Operations(), "Show Hide Show");
-    EXPECT_EQ(ShownText(2), TEXT.arg("<font color='#00bef9'>14:10</font>"));
-}
-
-TEST_F(NoticeTest, NewFrontRecordFarAwayLeavesTheOldNoticeUntilItsOwnIntervalStarts) {
-    const long long now = DAY + 10 * HOUR;
-    const long long b = now + 9 * HOUR;
-    SetFirst(now + 4 * HOUR);
-    TickAt(now);
-    SetFirst(b);
-    TickAt(now + 10 * SECOND);
-    TickAt(b - LEAD_MAX - 1);
-    EXPECT_EQ(Operations(), "Show");
-    TickAt(b - LEAD_MAX);
-    EXPECT_EQ(Operations(), "Show Hide");
-    TickAt(b - LEAD_MAX + 10 * SECOND);
-    EXPECT_EQ(Operations(), "Show Hide Show");
-}
-
-TEST_F(NoticeTest, EmptyScheduleShowsNothingAndWithdrawsAShownNotice) {
-    TickAt(DAY);
-    EXPECT_EQ(Operations(), "");
-    SetFirst(DAY + 4 * HOUR);
-    TickAt(DAY + 10 * SECOND);
-    settings->schedule.clear();
-    TickAt(DAY + 20 * SECOND);
-    TickAt(DAY + 30 * SECOND);
-    EXPECT_EQ(Operations(), "Show Hide");
-}
-
-TEST_F(NoticeTest, FirstRecordInThePastHidesTheRestOfTheSchedule) {
-    settings->schedule = {Rec(DAY - HOUR), Rec(DAY + 4 * HOUR)};
-    TickAt(DAY);
-    TickAt(DAY + 10 * SECOND);
-    EXPECT_EQ(Operations(), "");
-}
-
-TEST_F(NoticeTest, TimerRepeatsEveryTenSecondsAndDestructionLeavesTheNotice) {
-    EXPECT_TRUE(Notifier().timer.isActive());
-    EXPECT_EQ(Notifier().timer.interval(), 10000);
-    EXPECT_FALSE(Notifier().timer.isSingleShot());
-    SetFirst(DAY + 4 * HOUR);
-    TickAt(DAY);
-    notifier.reset();
-    EXPECT_EQ(Operations(), "Show");
-}
-
-struct MarkupCase {
-    const char* name;
-    bool richText;
-    const char* zone;
-    long long start;  // UTC
-    const char* time;
-};
-
-void PrintTo(const MarkupCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class NoticeTextTest : public NoticeTest, public testing::WithParamInterface<MarkupCase> {};
-
-TEST_P(NoticeTextTest, ShowsTheLocalTimeOfDayOnly) {
-    const MarkupCase& c = GetParam();
-    Testing::ScopedTimeZone::Set(c.zone);
-    presenter->richText = c.richText;
-    SetFirst(c.start);
-    TickAt(c.start - 4 * HOUR);
-    ASSERT_EQ(Operations(), "Show");
-    const auto& notice = *presenter->calls[0].notification;
-    EXPECT_EQ(notice.GetInformationText(), TEXT.arg(c.time));
-    EXPECT_EQ(notice.GetTitleText(), QString::fromUtf8("Vexl\xC3\xB6r Capture"));
-    EXPECT_EQ(notice.GetRejectButtonText(), QStringLiteral("Close"));
-    EXPECT_TRUE(notice.GetAcceptButtonText().isNull());
-    EXPECT_FALSE(notice.HasAcceptButton());
-    EXPECT_EQ(presenter->featureQueries, std::vector<int>{0});
-}
-
+// A notice for S is out after a tick at A; B, the next front record, enters the interval at C.
+constexpr long long A = S - 4 * HOUR, B = S + 5 * HOUR, C = B - LEAD_MAX, TICK = 10 * SECOND;
 INSTANTIATE_TEST_SUITE_P(
-    Times, NoticeTextTest,
-    testing::Values(MarkupCase{"Coloured", true, "UTC", DAY + 14 * HOUR + 5 * MINUTE,
-                               "<font color='#00bef9'>14:05</font>"},
-                    MarkupCase{"Plain", false, "UTC", DAY + 14 * HOUR + 5 * MINUTE, "14:05"},
-                    MarkupCase{"NextMorningNoDate", false, "UTC",
-                               DAY + 24 * HOUR + 9 * HOUR + 7 * MINUTE, "09:07"},
-                    MarkupCase{"LocalZoneTwoHoursEast", false, "EET-2",
-                               DAY + 24 * HOUR + 7 * HOUR + 7 * MINUTE, "09:07"}),
-    [](const testing::TestParamInfo<MarkupCase>& info) { return info.param.name; });
+    Leads, ScenarioTest,
+    testing::Values(
+        Scenario{"AtUpperBound", {{S, S - LEAD_MAX}}, "Show"},
+        Scenario{"JustAboveUpperBound", {{S, S - LEAD_MAX - 1}}, "-"},
+        Scenario{"AtLowerBound", {{S, S - LEAD_MIN}}, "Show"},
+        Scenario{"JustBelowLowerBound", {{S, S - LEAD_MIN + 1}}, "-"},
+        Scenario{"WithdrawnAt30s", {{S, A}, {S, A + TICK}, {S, S - WITHDRAW}}, "Show - Hide"},
+        Scenario{"KeptAt30sAnd1us", {{S, A}, {S, S - WITHDRAW - 1}}, "Show -"},
+        // The old notice stays until the new one's interval begins.
+        Scenario{"NewFront", {{S, A}, {B, A + TICK}, {B, C}, {B, C + TICK}}, "Show - Hide Show"},
+        Scenario{"EmptiedSchedule", {{S, A}, {0, A + TICK}, {0, A + 2 * TICK}}, "Show Hide -"},
+        Scenario{"FirstRecordInThePast", {{A - HOUR, A}}, "-"}),
+    [](const testing::TestParamInfo<Scenario>& info) { return info.param.name; });
 
-TEST_F(NoticeTest, WritesTheTimeInTheLanguageOfTheLookAndFeel) {
-    lookAndFeel = std::make_shared<App::FixedLookAndFeelManager>("ar_EG");
-    presenter->richText = false;
-    const long long start = DAY + 9 * HOUR + 7 * MINUTE;
-    SetFirst(start);
-    TickAt(start - 4 * HOUR);
-    ASSERT_EQ(Operations(), "Show");
-    // Arabic-Indic digits: zero nine, zero seven.
-    EXPECT_EQ(ShownText(0), TEXT.arg(QString::fromUtf8("\xD9\xA0\xD9\xA9:\xD9\xA0\xD9\xA7")));
+TEST_F(NoticeTest, ShowsTheLocalTimeOfDayInTheLanguageOfTheLookAndFeel) {
+    const QString text = QStringLiteral(
+        "A recording is scheduled for %1. Don't turn off your PC and configure your capture area.");
+    EXPECT_EQ(NoticeText(true, "en_US"), text.arg("<font color='#00bef9'>09:07</font>"));
+    EXPECT_EQ(NoticeText(false, "ar_EG"), text.arg(QStringLiteral("٠٩:٠٧")));
 }
 
 TEST_F(NoticeTest, InstalledTranslatorChangesTextTimeFormatAndButton) {
-    QTranslator translator;
+    QTranslator translator;  // its destructor uninstalls it
     ASSERT_TRUE(translator.load(QStringLiteral(VEXLOR_TEST_QM_DE)));
     QCoreApplication::installTranslator(&translator);
-    lookAndFeel = std::make_shared<App::FixedLookAndFeelManager>("de");
-    const long long start = DAY + 24 * HOUR + 9 * HOUR + 7 * MINUTE;
-    SetFirst(start);
-    TickAt(start - 4 * HOUR);
-    QCoreApplication::removeTranslator(&translator);
-    ASSERT_EQ(Operations(), "Show");
-    EXPECT_EQ(ShownText(0),
-              QString::fromUtf8("F\xC3\xBCr <font color='#00bef9'>09:07 Uhr</font> ist eine "
-                                "Aufnahme geplant. Schalten Sie Ihren PC nicht aus und richten "
-                                "Sie Ihren Aufnahmebereich ein."));
-    QCoreApplication::installTranslator(&translator);
-    const QString button = presenter->calls[0].notification->GetRejectButtonText();
-    QCoreApplication::removeTranslator(&translator);
-    EXPECT_EQ(button, QString::fromUtf8("Schlie\xC3\x9F"
-                                        "en"));
+    EXPECT_EQ(NoticeText(true, "de"),
+              QStringLiteral("Für <font color='#00bef9'>09:07 Uhr</font> ist eine Aufnahme "
+                             "geplant. Schalten Sie Ihren PC nicht aus und richten Sie Ihren "
+                             "Aufnahmebereich ein."));
+    EXPECT_EQ(presenter->shown->GetRejectButtonText(), QStringLiteral("Schließen"));
 }
 
-TEST_F(NoticeTest, AsksTheFactoryOnceForTheSchedulerPresenter) {
-    NotificationHelper helper(settings, customization, lookAndFeel);
-    ASSERT_EQ(factory.requests.size(), 1u);
-    EXPECT_EQ(factory.requests[0].style, 0);
-    EXPECT_EQ(factory.requests[0].priority, 1);
-    EXPECT_EQ(factory.requests[0].category, QStringLiteral("SchedulerNotifications"));
+// A creator that makes nothing gets the console presenter, which prints to stdout.
+TEST_F(NoticeTest, ConsolePresenterPrintsTheNoticeWithoutMarkupAndItsWithdrawal) {
+    DesktopNotification::Presenter::Factory::GetInstance().SetCreator(
+        [](int, int, const QString&) { return nullptr; });
+    testing::internal::CaptureStdout();
+    TickAt(S - 4 * HOUR, S);
+    TickAt(S - WITHDRAW, S);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "Notice: Vexlör Capture: A recording is scheduled for 16:00. Don't turn off your PC "
+              "and configure your capture area.\nNotice withdrawn: Vexlör Capture\n");
 }
 
-class NullServiceTest : public NoticeTest, public testing::WithParamInterface<int> {};
-
-TEST_P(NullServiceTest, ThrowsBeforeThePresenterIsMade) {
-    const int nullAt = GetParam();
-    try {
-        NotificationHelper helper(nullAt == 0 ? nullptr : settings,
-                                  nullAt == 1 ? nullptr : customization,
-                                  nullAt == 2 ? nullptr : lookAndFeel);
-        ADD_FAILURE() << "no exception";
-    } catch (const std::logic_error& error) {
-        EXPECT_STREQ(error.what(), "NotNull can not initialized by null");
-    }
-    EXPECT_TRUE(factory.requests.empty());
-    EXPECT_EQ(settings.use_count(), 1);
+TEST_F(NoticeTest, AsksTheFactoryOnceAndNotAtAllWhenSettingsAreNull) {
+    EXPECT_THROW(NotificationHelper(nullptr, customization, look), std::logic_error);
+    EXPECT_EQ(requests, QString());
+    NotificationHelper helper(settings, customization, look);
+    EXPECT_EQ(requests, QStringLiteral("0,1,SchedulerNotifications;"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Arguments, NullServiceTest, testing::Values(0, 1, 2));
-
-class TickExceptionTest : public NoticeTest, public testing::WithParamInterface<bool> {};
-
-TEST_P(TickExceptionTest, StaysInsideTheTimerSlotAndIsLogged) {
+// Through the real timer connection, sped up: an escaping exception would leave exec().
+TEST_F(NoticeTest, TickExceptionsStayInsideTheTimerSlotAndAreLogged) {
     Testing::LogCapture logs;
-    const bool fromSettings = GetParam();
-    settings->throwOnRead = fromSettings;
-    presenter->throwOnShow = !fromSettings;
-    SetFirst(DAY + 4 * HOUR);
-    // Through the real connection, only faster: an escaping exception would leave exec().
-    Notifier().timer.start(1);
+    presenter->throwing = true;  // a std::exception and an int by turns
+    EXPECT_THROW(TickAt(DAY, DAY + 4 * HOUR), std::runtime_error);  // the tick lets them through
+    EXPECT_EQ(notifier->timer.interval(), 10000);
+    notifier->timer.start(1);
     QEventLoop loop;
     QTimer::singleShot(100, &loop, &QEventLoop::quit);
     loop.exec();
-    EXPECT_GE(settings->reads, 2);  // the timer kept running
-    EXPECT_TRUE(Notifier().timer.isActive());
-    int errors = 0;
-    for (const auto& entry : logs.Entries()) {
-        errors += entry.severity == google::GLOG_ERROR &&
-                  entry.message.find("Schedule check failed: ") != std::string::npos;
-    }
-    EXPECT_GE(errors, 2);
+    EXPECT_GE(presenter->calls.size(), 4u);  // the timer kept ticking
+    EXPECT_THAT(logs.Entries(),
+                testing::Contains(testing::Field(&Testing::LogCapture::Entry::message,
+                                                 testing::HasSubstr("failed: presenter gone"))));
 }
-
-INSTANTIATE_TEST_SUITE_P(Services, TickExceptionTest, testing::Values(true, false));
 
 }  // namespace
 }  // namespace Vexlor::QK

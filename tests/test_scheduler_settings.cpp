@@ -1,158 +1,155 @@
+#include <map>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "Scheduler/SchedulerSettings.h"
-#include "fakes/CountingSettingsManager.h"
 #include "fakes/RecordingRegistry.h"
-#include "settings/ByteArrayConverter.h"
+#include "settings/SettingsWrapper.h"
 
 namespace Vexlor::QK {
 namespace {
 
-using testing::_;
-using Testing::CountingSettingsManager;
-using testing::StrictMock;
+using App::SettingsWrapper;
+using Bytes = std::vector<unsigned char>;
+using Time::Microseconds;
 
-const char* const ENABLED_KEY = "QK/Scheduler/scheduler_enabled";
-const char* const SCHEDULE_KEY = "QK/Scheduler/schedule";
-
-class MockScheduleObserver : public ICaptureSchedulerSettingsObserver {
+// In memory, counting the writes; a bool is kept as one byte.
+class CountingSettingsManager : public IApplicationSettingsManager {
 public:
+    void setBool(const std::string& key, bool value) override { setByteArray(key, {value}); }
+    void setByteArray(const std::string& key, const Bytes& value) override {
+        ++writes;
+        values[key] = value;
+    }
+    bool getBool(const std::string& key, bool defaultValue) const override {
+        return getByteArray(key, {defaultValue}).at(0) != 0;
+    }
+    Bytes getByteArray(const std::string& key, const Bytes& defaultValue) const override {
+        const auto it = values.find(key);
+        return it == values.end() ? defaultValue : it->second;
+    }
+    bool contains(const std::string& key) const override { return values.count(key) != 0; }
+    void remove(const std::string& key) override { values.erase(key); }
+
+    std::map<std::string, Bytes> values;
+    int writes = 0;
+};
+
+struct ScheduleObserver : ICaptureSchedulerSettingsObserver {
     MOCK_METHOD(void, OnSchedulerEnabledChanged, (bool), (override));
     MOCK_METHOD(void, OnScheduleChanged, (const RecordTimeList&), (override));
 };
 
-class MockLimitObserver : public ICaptureDurationLimitSettingsObserver {
-public:
+struct LimitObserver : ICaptureDurationLimitSettingsObserver {
     MOCK_METHOD(void, OnDurationLimitEnabledChanged, (bool), (override));
-    MOCK_METHOD(void, OnDurationLimitChanged, (const Time::Microseconds&), (override));
+    MOCK_METHOD(void, OnDurationLimitChanged, (const Microseconds&), (override));
 };
 
-RecordTimeList Schedule(int tag) {
-    RecordTime record;
-    record.title = "Meeting";
-    record.startTime = Time::TimePoint(Time::Microseconds(1700000000000000));
-    record.duration = Time::Microseconds(60000000);
-    record.tag = tag;
-    return {record};
-}
-
-class SchedulerSettingsTest : public testing::Test {
-protected:
-    SchedulerSettingsTest() {
-        settings.RegisterEventHandler(&scheduleObserver);
-        settings.RegisterEventHandler(&limitObserver);
+RecordTimeList Tags(std::initializer_list<int> tags) {
+    RecordTimeList schedule;
+    for (int tag : tags) {
+        schedule.emplace_back().tag = tag;
     }
+    return schedule;
+}
 
+class SettingsTest : public testing::Test {
+protected:
     std::shared_ptr<CountingSettingsManager> manager = std::make_shared<CountingSettingsManager>();
-    SchedulerSettings settings{manager};
-    StrictMock<MockScheduleObserver> scheduleObserver;
-    StrictMock<MockLimitObserver> limitObserver;
+    SettingsWrapper<bool> flag{manager, "flag", true};
+    SettingsWrapper<Bytes> raw{manager, "raw", {1, 2}};
+    SettingsWrapper<RecordTimeList> list{manager, "list", Tags({7})};
 };
 
-TEST_F(SchedulerSettingsTest, DefaultsWithNothingStored) {
-    EXPECT_FALSE(settings.IsSchedulerEnabled());
-    EXPECT_TRUE(settings.GetSchedule().empty());
-    EXPECT_FALSE(settings.IsDurationLimitEnabled());
-    EXPECT_EQ(settings.GetDurationLimit(), Time::Microseconds(120000000));
+TEST_F(SettingsTest, WrapperWithNothingStoredReadsTheDefaultAndSettingItWritesNothing) {
+    EXPECT_TRUE(flag.get());
+    EXPECT_EQ(raw.get(), (Bytes{1, 2}));
+    EXPECT_EQ(list.get(), Tags({7}));
+    EXPECT_FALSE(flag.set(true));
+    EXPECT_FALSE(raw.set({1, 2}));
+    EXPECT_FALSE(list.set(Tags({7})));
+    EXPECT_EQ(manager->writes, 0);
 }
 
-TEST_F(SchedulerSettingsTest, SettingWhatIsAlreadyThereWritesAndTellsNothing) {
-    settings.SetSchedulerEnabled(false);
-    settings.SetSchedule({});
-    settings.SetDurationLimitEnabled(false);
-    settings.SetDurationLimit(Time::Microseconds(120000000));
-    EXPECT_EQ(manager->writes(), 0);
+// A difference in one tag alone, or in the order alone, is a change.
+TEST_F(SettingsTest, WrapperSetWritesEachChangeOnce) {
+    for (const RecordTimeList& schedule : {Tags({1, 2}), Tags({1, 3}), Tags({3, 1})}) {
+        EXPECT_TRUE(list.set(schedule));
+        EXPECT_FALSE(list.set(schedule));
+        EXPECT_EQ(list.get(), schedule);
+    }
+    EXPECT_TRUE(flag.set(false));
+    EXPECT_FALSE(flag.set(false));
+    EXPECT_EQ(manager->writes, 4);
+    EXPECT_EQ(manager->values["list"], App::ByteArrayConverter<RecordTimeList>()(Tags({3, 1})));
 }
 
-TEST_F(SchedulerSettingsTest, EnabledFlagIsStoredUnderItsKeyAndAnnouncedOnce) {
-    EXPECT_CALL(scheduleObserver, OnSchedulerEnabledChanged(true));
-    settings.SetSchedulerEnabled(true);
-    settings.SetSchedulerEnabled(true);
-    EXPECT_EQ(manager->bools, (std::map<std::string, bool>{{ENABLED_KEY, true}}));
-    EXPECT_EQ(manager->boolWrites, 1);
+TEST_F(SettingsTest, WrapperForceSetAlwaysWritesEvenOverAnUnreadableValue) {
+    manager->values["list"] = {0xFF, 0xFF, 0xFF, 0xFF};  // a negative count
+    EXPECT_THROW(list.set(Tags({1})), std::length_error);
+    EXPECT_EQ(manager->writes, 0);
+    flag.forceSet(true);
+    raw.forceSet({1, 2});
+    list.forceSet(Tags({1}));
+    list.forceSet(Tags({1}));
+    EXPECT_EQ(manager->writes, 4);
+    EXPECT_EQ(list.get(), Tags({1}));
 }
 
-TEST_F(SchedulerSettingsTest, ScheduleIsAnnouncedOnlyWhenAFieldChanged) {
-    EXPECT_CALL(scheduleObserver, OnScheduleChanged(Schedule(1)));
-    EXPECT_CALL(scheduleObserver, OnScheduleChanged(Schedule(2)));
-    settings.SetSchedule(Schedule(1));
-    settings.SetSchedule(Schedule(1));
-    settings.SetSchedule(Schedule(2));
-    EXPECT_EQ(manager->bytes.at(SCHEDULE_KEY),
-              App::ByteArrayConverter<RecordTimeList>()(Schedule(2)));
-}
+// Values at their defaults first, then each change twice; the duration limit lives in memory.
+TEST_F(SettingsTest, SchedulerSettingsTellOnlyChangesToTheirObserversAndKeepFlagAndSchedule) {
+    SchedulerSettings settings(manager);
+    testing::StrictMock<ScheduleObserver> scheduleObserver;
+    testing::StrictMock<LimitObserver> limitObserver;
+    settings.RegisterEventHandler(&scheduleObserver);
+    settings.RegisterEventHandler(&limitObserver);
+    for (int round = 0; round < 3; ++round) {
+        if (round == 1) {
+            EXPECT_CALL(scheduleObserver, OnSchedulerEnabledChanged(true));
+            EXPECT_CALL(scheduleObserver, OnScheduleChanged(Tags({1})))
+                .WillOnce(
+                    [&](const RecordTimeList& now) { EXPECT_EQ(settings.GetSchedule(), now); });
+            EXPECT_CALL(limitObserver, OnDurationLimitEnabledChanged(true));
+            EXPECT_CALL(limitObserver, OnDurationLimitChanged(Microseconds(1)));
+        }
+        settings.SetSchedulerEnabled(round > 0);
+        settings.SetSchedule(round > 0 ? Tags({1}) : RecordTimeList{});
+        settings.SetDurationLimitEnabled(round > 0);
+        settings.SetDurationLimit(Microseconds(round > 0 ? 1 : 120000000));
+    }
+    EXPECT_EQ(manager->writes, 2);
+    EXPECT_EQ(manager->values["QK/Scheduler/scheduler_enabled"], Bytes{1});
+    EXPECT_EQ(manager->values["QK/Scheduler/schedule"],
+              App::ByteArrayConverter<RecordTimeList>()(Tags({1})));
 
-TEST_F(SchedulerSettingsTest, DurationLimitIsAnnouncedToItsObserversOnly) {
-    EXPECT_CALL(limitObserver, OnDurationLimitChanged(Time::Microseconds(60000000)));
-    EXPECT_CALL(limitObserver, OnDurationLimitEnabledChanged(true));
-    settings.SetDurationLimit(Time::Microseconds(60000000));
-    settings.SetDurationLimit(Time::Microseconds(60000000));
-    settings.SetDurationLimitEnabled(true);
-    EXPECT_EQ(settings.GetDurationLimit(), Time::Microseconds(60000000));
-    EXPECT_TRUE(settings.IsDurationLimitEnabled());
-    EXPECT_EQ(manager->writes(), 0);
-}
-
-TEST_F(SchedulerSettingsTest, ObserverReadingDuringNotificationSeesTheNewSchedule) {
-    RecordTimeList seen;
-    EXPECT_CALL(scheduleObserver, OnScheduleChanged(_)).WillOnce([&](const RecordTimeList&) {
-        seen = settings.GetSchedule();
-    });
-    settings.SetSchedule(Schedule(3));
-    EXPECT_EQ(seen, Schedule(3));
-}
-
-TEST_F(SchedulerSettingsTest, NegativeStoredCountFailsSetScheduleWithoutWriting) {
-    manager->bytes[SCHEDULE_KEY] = {0xFF, 0xFF, 0xFF, 0xFF};
-    EXPECT_THROW(settings.GetSchedule(), std::length_error);
-    EXPECT_THROW(settings.SetSchedule(Schedule(1)), std::length_error);
-    EXPECT_EQ(manager->writes(), 0);
-}
-
-TEST_F(SchedulerSettingsTest, NewObjectKeepsStoredValuesButResetsTheDurationLimit) {
-    EXPECT_CALL(scheduleObserver, OnSchedulerEnabledChanged(true));
-    EXPECT_CALL(scheduleObserver, OnScheduleChanged(Schedule(4)));
-    EXPECT_CALL(limitObserver, OnDurationLimitEnabledChanged(true));
-    EXPECT_CALL(limitObserver, OnDurationLimitChanged(_));
-    settings.SetSchedulerEnabled(true);
-    settings.SetSchedule(Schedule(4));
-    settings.SetDurationLimitEnabled(true);
-    settings.SetDurationLimit(Time::Microseconds(1));
-
-    SchedulerSettings again(manager);
+    const SchedulerSettings again(manager);
     EXPECT_TRUE(again.IsSchedulerEnabled());
-    EXPECT_EQ(again.GetSchedule(), Schedule(4));
+    EXPECT_EQ(again.GetSchedule(), Tags({1}));
     EXPECT_FALSE(again.IsDurationLimitEnabled());
-    EXPECT_EQ(again.GetDurationLimit(), Time::Microseconds(120000000));
+    EXPECT_EQ(again.GetDurationLimit(), Microseconds(120000000));
 }
 
-TEST(SchedulerSettingsRegistry, PublishesBothInterfacesAndWithdrawsInReverse) {
+TEST(SchedulerSettingsRegistry, RegistersLimitThenScheduleAndWithdrawsInReverse) {
     Testing::RecordingRegistry registry;
-    void* limitPart = nullptr;
-    void* schedulePart = nullptr;
     {
         SchedulerSettings settings(std::make_shared<CountingSettingsManager>());
-        limitPart = static_cast<ICaptureDurationLimitSettings*>(&settings);
-        schedulePart = static_cast<ICaptureSchedulerSettings*>(&settings);
+        EXPECT_EQ(registry.Find<ICaptureDurationLimitSettings>(), &settings);
         EXPECT_EQ(registry.Find<ICaptureSchedulerSettings>(), &settings);
     }
-    ASSERT_NE(limitPart, schedulePart);
-    ASSERT_EQ(registry.calls.size(), 4u);
-    const std::vector<std::pair<std::string, void*>> expected{
-        {"Vexlor::QK::ICaptureDurationLimitSettings", limitPart},
-        {"Vexlor::QK::ICaptureSchedulerSettings", schedulePart},
-        {"Vexlor::QK::ICaptureSchedulerSettings", schedulePart},
-        {"Vexlor::QK::ICaptureDurationLimitSettings", limitPart}};
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(registry.calls[i].op, i < 2 ? "register" : "unregister");
-        EXPECT_EQ(registry.calls[i].key, expected[i].first);
-        EXPECT_EQ(registry.calls[i].instance, expected[i].second);
+    std::vector<std::string> calls;
+    for (const auto& call : registry.calls) {
+        calls.push_back(call.op + " " + call.key);
     }
+    EXPECT_EQ(calls,
+              (std::vector<std::string>{"register Vexlor::QK::ICaptureDurationLimitSettings",
+                                        "register Vexlor::QK::ICaptureSchedulerSettings",
+                                        "unregister Vexlor::QK::ICaptureSchedulerSettings",
+                                        "unregister Vexlor::QK::ICaptureDurationLimitSettings"}));
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <map>
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "core/EventHandlerList.h"
 #include "interfaces/Gateway.h"
 #include "interfaces/ICaptureSchedulerSettings.h"
 #include "interfaces/PowerManager.h"
@@ -26,39 +26,25 @@ public:
     };
 
     Time::TimerId* Start(const Time::Microseconds& duration, Callback callback) override {
-        ++starts;
-        auto id = std::make_unique<Time::TimerId>();
-        id->value = ++lastId;
-        Time::TimerId* raw = id.get();
-        armed.push_back({std::move(id), duration, std::move(callback)});
-        return raw;
+        armed.push_back({std::make_unique<Time::TimerId>(), duration, std::move(callback)});
+        return armed.back().id.get();
     }
-
     void Stop(Time::TimerId* id) override {
-        ++stops;
-        for (auto it = armed.begin(); it != armed.end(); ++it) {
-            if (it->id.get() == id) {
-                armed.erase(it);
-                return;
-            }
-        }
+        const auto same = [id](const Armed& timer) { return timer.id.get() == id; };
+        armed.erase(std::remove_if(armed.begin(), armed.end(), same), armed.end());
     }
-
     // Finishes the oldest armed timer with `reason`; false when none is armed.
     bool Fire(FinishReason reason = FinishReason::Elapsed) {
         if (armed.empty()) {
             return false;
         }
-        Armed timer = std::move(armed.front());
+        Armed timer = std::move(armed.front());  // its id stays valid during the callback
         armed.erase(armed.begin());
         timer.callback(reason);
         return true;
     }
 
     std::vector<Armed> armed;
-    int starts = 0;
-    int stops = 0;
-    unsigned long long lastId = 0;
 };
 
 class FakeGateway : public ExternalStimulus::IGateway {
@@ -84,39 +70,30 @@ public:
     Time::Microseconds lead{0};
 };
 
-// In-memory scheduler settings that count their writes and notify on change only.
+// In-memory scheduler settings that count their writes. `onSetSchedule` runs after every
+// schedule write, as an application's settings observer would.
 class FakeSchedulerSettings : public QK::ICaptureSchedulerSettings {
 public:
-    void RegisterEventHandler(QK::ICaptureSchedulerSettingsObserver* handler) override {
-        observers.RegisterEventHandler(handler);
-    }
-    void UnregisterEventHandler(QK::ICaptureSchedulerSettingsObserver* handler) override {
-        observers.UnregisterEventHandler(handler);
-    }
+    void RegisterEventHandler(QK::ICaptureSchedulerSettingsObserver*) override {}
+    void UnregisterEventHandler(QK::ICaptureSchedulerSettingsObserver*) override {}
     bool IsSchedulerEnabled() const override { return enabled; }
     void SetSchedulerEnabled(bool value) override {
-        ++enabledWrites;
-        if (value != enabled) {
-            enabled = value;
-            observers.PerformAll(&QK::ICaptureSchedulerSettingsObserver::OnSchedulerEnabledChanged,
-                                 value);
-        }
+        ++writes;
+        enabled = value;
     }
     QK::RecordTimeList GetSchedule() const override { return schedule; }
     void SetSchedule(const QK::RecordTimeList& value) override {
-        ++scheduleWrites;
-        if (value != schedule) {
-            schedule = value;
-            observers.PerformAll(&QK::ICaptureSchedulerSettingsObserver::OnScheduleChanged, value);
+        ++writes;
+        schedule = value;
+        if (onSetSchedule) {
+            onSetSchedule();
         }
     }
 
     bool enabled = false;
     QK::RecordTimeList schedule;
-    int enabledWrites = 0;
-    int scheduleWrites = 0;
-    Core::EventHandlerList<QK::ICaptureSchedulerSettingsObserver, Core::SyncExecutePolicy>
-        observers;
+    int writes = 0;
+    std::function<void()> onSetSchedule;
 };
 
 }  // namespace Vexlor::Testing

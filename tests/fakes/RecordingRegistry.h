@@ -15,6 +15,9 @@ public:
         std::string op;
         std::string key;
         void* instance;
+        bool operator==(const Call& other) const {
+            return op == other.op && key == other.key && instance == other.instance;
+        }
     };
 
     RecordingRegistry() : scope(this) {}

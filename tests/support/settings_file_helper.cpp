@@ -1,31 +1,31 @@
-// Second process for the settings-file tests:
-//   write <file> <n>   stores NumberedSchedule(n) through SchedulerSettings
-//   expect <file> <n>  exits 0 if the file holds NumberedSchedule(n) and the flag is on
+// Second process for the settings-file tests, on the file <path>:
+//   <path> <n>       exits 0 if the file holds NumberedSchedule(n) with the flag on, else 1;
+//                    then stores NumberedSchedule(n + 1)
+//   <path> <n> loop  stores NumberedSchedule(n), n + 1, ... until killed; prints a line once
+//                    the first one is stored
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include "Scheduler/SchedulerSettings.h"
 #include "platform/IniSettingsManager.h"
 #include "support/NumberedSchedule.h"
 
-using Vexlor::App::IniSettingsManager;
-using Vexlor::QK::SchedulerSettings;
-using Vexlor::Testing::NumberedSchedule;
-
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        return 2;
+    using Vexlor::Testing::NumberedSchedule;
+    Vexlor::QK::SchedulerSettings settings(
+        std::make_shared<Vexlor::App::IniSettingsManager>(QString::fromLocal8Bit(argv[1])));
+    int n = std::atoi(argv[2]);
+    if (argc == 4) {
+        settings.SetSchedule(NumberedSchedule(n));
+        std::puts("stored");
+        std::fflush(stdout);
+        for (;;) {
+            settings.SetSchedule(NumberedSchedule(++n));
+        }
     }
-    SchedulerSettings settings(
-        std::make_shared<IniSettingsManager>(QString::fromLocal8Bit(argv[2])));
-    if (std::strcmp(argv[1], "write") == 0 && argc == 4) {
-        settings.SetSchedule(NumberedSchedule(std::atoi(argv[3])));
-        return 0;
-    }
-    if (std::strcmp(argv[1], "expect") == 0 && argc == 4) {
-        const bool same = settings.GetSchedule() == NumberedSchedule(std::atoi(argv[3]));
-        return same && settings.IsSchedulerEnabled() ? 0 : 1;
-    }
-    return 2;
+    const bool held =
+        settings.IsSchedulerEnabled() && settings.GetSchedule() == NumberedSchedule(n);
+    settings.SetSchedule(NumberedSchedule(n + 1));
+    return held ? 0 : 1;
 }

@@ -1,0 +1,17 @@
+#!/usr/bin/env bash
+# Builds in Release and runs every measurement behind BENCHMARKS.md: the micro-benchmarks
+# with their baselines (medians of 10 repetitions), the start latency on the real event loop
+# idle and with the other core busy, and the runner's CPU use while idle.
+set -euo pipefail
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$root"
+"$root/scripts/install-deps.sh"
+
+cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVEXLOR_BUILD_TESTS=OFF
+cmake --build build-bench --target bench_core start_latency vexlor-schedule
+
+build-bench/bench/bench_core --benchmark_repetitions=10 --benchmark_report_aggregates_only=true \
+  2>&1 | grep -E '^(Run on|CPU|BM_.*_median)'
+build-bench/bench/start_latency --records 200
+build-bench/bench/start_latency --records 200 --busy
+scripts/idle-cpu.sh build-bench 60
