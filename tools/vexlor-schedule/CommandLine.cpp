@@ -1,0 +1,282 @@
+#include "CommandLine.h"
+
+#include <QDateTime>
+
+#include "Duration.h"
+
+namespace Vexlor::ScheduleTool {
+
+namespace {
+
+// Walks the arguments of one command; options take their value as the next argument or
+// after "=".
+class ArgumentReader {
+public:
+    ArgumentReader(const QStringList& arguments, int start) : arguments(arguments), next(start) {}
+
+    bool AtEnd() const { return next >= arguments.size(); }
+    QString Take() { return arguments.at(next++); }
+
+    // Splits "--name=value"; `value` is set only for that form.
+    static QString OptionName(const QString& argument, std::optional<QString>& value) {
+        const int equals = argument.indexOf(QLatin1Char('='));
+        if (argument.startsWith(QLatin1String("--")) && equals > 0) {
+            value = argument.mid(equals + 1);
+            return argument.left(equals);
+        }
+        value.reset();
+        return argument;
+    }
+
+    std::optional<QString> Value(const QString& name, std::optional<QString> inlineValue,
+                                 QString& error) {
+        if (inlineValue) {
+            return inlineValue;
+        }
+        if (AtEnd()) {
+            error = QStringLiteral("%1 needs a value").arg(name);
+            return std::nullopt;
+        }
+        return Take();
+    }
+
+private:
+    const QStringList& arguments;
+    int next;
+};
+
+std::optional<Time::TimePoint> ParseLocalTime(const QString& text) {
+    for (const char* format : {"yyyy-MM-dd HH:mm:ss", "yyyy-MM-dd HH:mm"}) {
+        QDateTime local = QDateTime::fromString(text, QLatin1String(format));
+        if (local.isValid()) {
+            local.setTimeSpec(Qt::LocalTime);
+            return Time::TimePoint(Time::Microseconds(local.toMSecsSinceEpoch() * 1000));
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Time::Microseconds> DurationValue(const QString& name, const QString& text,
+                                                QString& error) {
+    auto duration = ParseDuration(text);
+    if (!duration) {
+        error = QStringLiteral("%1: \"%2\" is not a duration (write it like 90s, 30m, 1h30m or 0)")
+                    .arg(name, text);
+    }
+    return duration;
+}
+
+std::optional<int> IntegerValue(const QString& name, const QString& text, QString& error) {
+    bool ok = false;
+    const int value = text.toInt(&ok);
+    if (!ok) {
+        error = QStringLiteral("%1: \"%2\" is not a whole number").arg(name, text);
+        return std::nullopt;
+    }
+    return value;
+}
+
+QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
+    QString error;
+    bool haveTitle = false;
+    bool onlyPositionals = false;
+    while (!reader.AtEnd()) {
+        const QString argument = reader.Take();
+        if (onlyPositionals || !argument.startsWith(QLatin1String("--"))) {
+            if (haveTitle) {
+                return QStringLiteral("add takes one title; \"%1\" is one too many").arg(argument);
+            }
+            add.title = argument;
+            haveTitle = true;
+            continue;
+        }
+        if (argument == QLatin1String("--")) {
+            onlyPositionals = true;
+            continue;
+        }
+        std::optional<QString> inlineValue;
+        const QString name = ArgumentReader::OptionName(argument, inlineValue);
+        if (name == QLatin1String("--allow-overlap") && !inlineValue) {
+            add.allowOverlap = true;
+            continue;
+        }
+        const bool known = name == QLatin1String("--at") || name == QLatin1String("--in") ||
+                           name == QLatin1String("--for") || name == QLatin1String("--tag") ||
+                           name == QLatin1String("--mode");
+        if (!known) {
+            return QStringLiteral("add: unknown option %1").arg(name);
+        }
+        const auto value = reader.Value(name, inlineValue, error);
+        if (!value) {
+            return error;
+        }
+        if (name == QLatin1String("--at") || name == QLatin1String("--in")) {
+            if (add.at || add.in) {
+                return QStringLiteral("add takes one of --at and --in, once");
+            }
+        }
+        if (name == QLatin1String("--at")) {
+            add.at = ParseLocalTime(*value);
+            if (!add.at) {
+                return QStringLiteral("--at: \"%1\" is not a local time like \"2030-01-31 18:30\"")
+                    .arg(*value);
+            }
+        } else if (name == QLatin1String("--in")) {
+            add.in = DurationValue(name, *value, error);
+        } else if (name == QLatin1String("--for")) {
+            const auto duration = DurationValue(name, *value, error);
+            add.duration = duration.value_or(Time::Microseconds(0));
+        } else if (name == QLatin1String("--tag")) {
+            add.tag = IntegerValue(name, *value, error).value_or(-1);
+        } else {
+            const auto mode = IntegerValue(name, *value, error);
+            if (mode && (*mode < 0 || *mode > 2)) {
+                error = QStringLiteral("--mode must be 0, 1 or 2");
+            }
+            add.mode = mode.value_or(0);
+        }
+        if (!error.isEmpty()) {
+            return error;
+        }
+    }
+    if (!haveTitle || add.title.isEmpty()) {
+        return QStringLiteral("add needs a title that is not empty");
+    }
+    if (!add.at && !add.in) {
+        return QStringLiteral("add needs --at TIME or --in DURATION");
+    }
+    return {};
+}
+
+QString ParseRun(ArgumentReader& reader, RunOptions& run) {
+    QString error;
+    while (!reader.AtEnd()) {
+        const QString argument = reader.Take();
+        std::optional<QString> inlineValue;
+        const QString name = ArgumentReader::OptionName(argument, inlineValue);
+        if (name == QLatin1String("--until-empty") && !inlineValue) {
+            run.untilEmpty = true;
+            continue;
+        }
+        if (name != QLatin1String("--lead") && name != QLatin1String("--exec") &&
+            name != QLatin1String("--notify")) {
+            return QStringLiteral("run: unknown argument %1").arg(argument);
+        }
+        const auto value = reader.Value(name, inlineValue, error);
+        if (!value) {
+            return error;
+        }
+        if (name == QLatin1String("--lead")) {
+            const auto lead = DurationValue(name, *value, error);
+            if (!lead) {
+                return error;
+            }
+            run.lead = *lead;
+        } else if (name == QLatin1String("--exec")) {
+            if (value->trimmed().isEmpty()) {
+                return QStringLiteral("--exec needs a command");
+            }
+            run.exec = *value;
+        } else if (*value == QLatin1String("console")) {
+            run.notice = NoticeChoice::Console;
+        } else if (*value == QLatin1String("none")) {
+            run.notice = NoticeChoice::None;
+        } else {
+            return QStringLiteral("--notify must be console or none");
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+ParseResult ParseCommandLine(const QStringList& arguments) {
+    Invocation invocation;
+    int index = 0;
+    while (index < arguments.size()) {
+        std::optional<QString> inlineValue;
+        const QString name = ArgumentReader::OptionName(arguments.at(index), inlineValue);
+        if (name != QLatin1String("--settings")) {
+            break;
+        }
+        ++index;
+        if (!inlineValue) {
+            if (index >= arguments.size()) {
+                return {std::nullopt, QStringLiteral("--settings needs a file")};
+            }
+            inlineValue = arguments.at(index++);
+        }
+        if (inlineValue->isEmpty()) {
+            return {std::nullopt, QStringLiteral("--settings needs a file")};
+        }
+        invocation.settingsFile = inlineValue;
+    }
+    if (index >= arguments.size()) {
+        return {std::nullopt, QStringLiteral("no command given")};
+    }
+    const QString command = arguments.at(index++);
+    ArgumentReader reader(arguments, index);
+    struct Plain {
+        const char* word;
+        CommandName name;
+    };
+    static const Plain plainCommands[] = {
+        {"list", CommandName::List},     {"clear", CommandName::Clear},
+        {"enable", CommandName::Enable}, {"disable", CommandName::Disable},
+        {"status", CommandName::Status}, {"help", CommandName::Help},
+        {"--help", CommandName::Help},   {"-h", CommandName::Help}};
+    for (const Plain& plain : plainCommands) {
+        if (command == QLatin1String(plain.word)) {
+            if (!reader.AtEnd()) {
+                return {std::nullopt, QStringLiteral("%1 takes no arguments, got \"%2\"")
+                                          .arg(command, reader.Take())};
+            }
+            invocation.command = plain.name;
+            return {invocation, {}};
+        }
+    }
+    QString error;
+    if (command == QLatin1String("add")) {
+        invocation.command = CommandName::Add;
+        error = ParseAdd(reader, invocation.add);
+    } else if (command == QLatin1String("remove")) {
+        invocation.command = CommandName::Remove;
+        if (reader.AtEnd()) {
+            error = QStringLiteral("remove needs a title");
+        } else {
+            invocation.removeTitle = reader.Take();
+            if (!reader.AtEnd()) {
+                error = QStringLiteral("remove takes one title");
+            }
+        }
+    } else if (command == QLatin1String("run")) {
+        invocation.command = CommandName::Run;
+        error = ParseRun(reader, invocation.run);
+    } else {
+        error = QStringLiteral("unknown command \"%1\"").arg(command);
+    }
+    if (!error.isEmpty()) {
+        return {std::nullopt, error};
+    }
+    return {invocation, {}};
+}
+
+QString UsageText() {
+    return QStringLiteral(
+        "usage: vexlor-schedule [--settings FILE] COMMAND ...\n"
+        "  add TITLE (--at \"YYYY-MM-DD HH:MM[:SS]\" | --in DURATION) [--for DURATION]\n"
+        "            [--tag N] [--mode 0|1|2] [--allow-overlap]\n"
+        "  list          the stored schedule, one line per record\n"
+        "  remove TITLE\n"
+        "  clear\n"
+        "  enable\n"
+        "  disable\n"
+        "  status        the enabled flag, the next recording and the time until it\n"
+        "  run [--lead DURATION] [--exec COMMAND] [--until-empty] [--notify console|none]\n"
+        "DURATION: 90s, 30m, 1h30m or 0 (--for 0, the default: no planned end).\n"
+        "The settings file is FILE, else $VEXLOR_SCHEDULE_SETTINGS, else one in the user's\n"
+        "configuration folder.\n"
+        "Exit codes: 0 done, 1 refused or failed, 2 bad arguments.\n");
+}
+
+}  // namespace Vexlor::ScheduleTool

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <optional>
+
+#include <QString>
+#include <QStringList>
+
+#include "interfaces/Clock.h"
+
+namespace Vexlor::ScheduleTool {
+
+enum class CommandName { Add, List, Remove, Clear, Enable, Disable, Status, Run, Help };
+
+enum class NoticeChoice { Console, None };
+
+struct AddOptions {
+    QString title;
+    std::optional<Time::TimePoint> at;     // --at, local time converted
+    std::optional<Time::Microseconds> in;  // --in, counted from the moment of the add
+    Time::Microseconds duration{0};
+    int tag = -1;
+    int mode = 0;
+    bool allowOverlap = false;
+};
+
+struct RunOptions {
+    Time::Microseconds lead{0};
+    std::optional<QString> exec;
+    bool untilEmpty = false;
+    NoticeChoice notice = NoticeChoice::Console;
+};
+
+struct Invocation {
+    std::optional<QString> settingsFile;
+    CommandName command = CommandName::Help;
+    AddOptions add;
+    QString removeTitle;
+    RunOptions run;
+};
+
+struct ParseResult {
+    std::optional<Invocation> invocation;
+    QString error;  // set when invocation is empty
+};
+
+// `arguments` excludes the program name.
+ParseResult ParseCommandLine(const QStringList& arguments);
+
+QString UsageText();
+
+}  // namespace Vexlor::ScheduleTool

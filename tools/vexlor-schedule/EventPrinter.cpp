@@ -1,0 +1,62 @@
+#include "EventPrinter.h"
+
+#include <QDateTime>
+#include <QStringList>
+
+#include "Duration.h"
+#include "RecordText.h"
+
+namespace Vexlor::ScheduleTool {
+
+void EventPrinter::Line(const QString& text) {
+    const QString line = QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss.zzz")) +
+                         QLatin1Char(' ') + text + QLatin1Char('\n');
+    const QByteArray bytes = line.toUtf8();
+    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), out);
+    std::fflush(out);
+}
+
+void EventPrinter::SchedulerStarted(bool enabled, std::size_t recordsAhead) {
+    Line(QStringLiteral("scheduler running: scheduling %1, %2 recording(s) ahead")
+             .arg(enabled ? QStringLiteral("on") : QStringLiteral("off"))
+             .arg(recordsAhead));
+}
+
+void EventPrinter::SleepChanged(bool sleepPrevented) {
+    Line(sleepPrevented ? QStringLiteral("sleep prevented") : QStringLiteral("sleep allowed"));
+}
+
+void EventPrinter::RecordingRequested() {
+    Line(QStringLiteral("recording requested"));
+}
+
+void EventPrinter::RecordingStarted(const QK::RecordTime& record) {
+    const QString length = record.duration.count() == 0
+                               ? QStringLiteral("no planned end")
+                               : QStringLiteral("duration %1").arg(FormatDuration(record.duration));
+    Line(QStringLiteral("recording started: %1, %2").arg(QuoteTitle(record.title), length));
+}
+
+void EventPrinter::RecordingFinished(const QString& title, const QString& how) {
+    Line(QStringLiteral("recording finished: %1, %2").arg(QuoteTitle(title), how));
+}
+
+void EventPrinter::RecordsDropped(const QK::RecordTimeList& records) {
+    QStringList described;
+    for (const QK::RecordTime& record : records) {
+        described << DescribeRecord(record);
+    }
+    Line(QStringLiteral("records dropped: %1").arg(described.join(QStringLiteral(", "))));
+}
+
+void EventPrinter::ScheduleReloaded(bool enabled, std::size_t records) {
+    Line(QStringLiteral("settings changed: scheduling %1, %2 recording(s) stored")
+             .arg(enabled ? QStringLiteral("on") : QStringLiteral("off"))
+             .arg(records));
+}
+
+void EventPrinter::Notice(const QString& text) {
+    Line(text);
+}
+
+}  // namespace Vexlor::ScheduleTool

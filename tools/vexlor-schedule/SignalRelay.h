@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include <QSocketNotifier>
+
+namespace Vexlor::ScheduleTool {
+
+// Turns SIGINT and SIGTERM into a call on the event loop: the handler only writes the
+// signal number into a socket pair, whose other end a QSocketNotifier reads. One instance
+// at a time; the previous handlers come back when it is destroyed.
+class SignalRelay {
+public:
+    explicit SignalRelay(std::function<void(int signal)> onSignal);
+    ~SignalRelay();
+
+    SignalRelay(const SignalRelay&) = delete;
+    SignalRelay& operator=(const SignalRelay&) = delete;
+
+private:
+    std::function<void(int)> onSignal;
+    std::unique_ptr<QSocketNotifier> notifier;
+};
+
+}  // namespace Vexlor::ScheduleTool
