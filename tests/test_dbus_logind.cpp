@@ -22,7 +22,7 @@ protected:
     std::vector<bool> changes;
     LogindPowerManager::ChangeCallback record = [this](bool on) { changes.push_back(on); };
     Testing::FakeBusServices services;
-    Testing::FakeLoginManager& logind = services.Login();
+    Testing::FakeLoginManager& logind = services.login;
 };
 
 TEST_F(LogindLock, EachArmedPeriodHoldsOneSleepBlockLockUntilAllowSleep) {
@@ -38,11 +38,11 @@ TEST_F(LogindLock, EachArmedPeriodHoldsOneSleepBlockLockUntilAllowSleep) {
     EXPECT_EQ(inhibitions[0].who, WHO);
     EXPECT_EQ(inhibitions[0].why, WHY);
     EXPECT_EQ(inhibitions[0].mode, QStringLiteral("block"));
-    EXPECT_FALSE(logind.Released(0, 0ms));
+    EXPECT_FALSE(logind.Released(0));
     EXPECT_TRUE(power->IsSleepPrevented());
 
     power->AllowSleep();
-    EXPECT_TRUE(logind.Released(0, 1000ms));
+    EXPECT_TRUE(logind.Released(0, 1000));
     EXPECT_FALSE(power->IsSleepPrevented());
     // A second close of the old number would hit whatever reuses it now.
     int bystander[2];
@@ -55,7 +55,7 @@ TEST_F(LogindLock, EachArmedPeriodHoldsOneSleepBlockLockUntilAllowSleep) {
 
     power->PreventSleep();
     ASSERT_EQ(logind.Inhibitions().size(), 2u);
-    EXPECT_FALSE(logind.Released(1, 0ms));
+    EXPECT_FALSE(logind.Released(1));
     EXPECT_EQ(changes, (std::vector<bool>{true, false, true}));
 }
 
@@ -64,10 +64,10 @@ TEST_F(LogindLock, DestructionReleasesAHeldLockEvenWhenLogindHasLeft) {
     auto power = LogindPowerManager::Create(WHO, WHY, record);
     ASSERT_NE(power, nullptr);
     power->PreventSleep();
-    services.WithdrawLogin();
+    services.Withdraw();
 
     power.reset();
-    EXPECT_TRUE(logind.Released(0, 1000ms));
+    EXPECT_TRUE(logind.Released(0, 1000));
     EXPECT_EQ(changes, (std::vector<bool>{true, false}));
 }
 
@@ -80,7 +80,7 @@ TEST_F(LogindLock, AMissingOrSilentLogindCostsAtMostTheTimeoutAndTakesNoLock) {
     EXPECT_LT(elapsed.restart(), 2000);
 
     ASSERT_TRUE(services.PublishLogin());
-    logind.SetSilent(true);
+    logind.silent = true;
     power.PreventSleep();
     EXPECT_GE(elapsed.elapsed(), 250);
     EXPECT_LT(elapsed.elapsed(), 3000);

@@ -34,11 +34,10 @@ std::shared_ptr<INotification> Notice(const char* title, const char* text = TEXT
 class DBusPresenter : public testing::Test {
 protected:
     Testing::FakeBusServices services;
-    Testing::FakeNotificationServer& server = services.Notifications();
+    Testing::FakeNotificationServer& server = services.notifications;
 };
 
 TEST_F(DBusPresenter, ShowsNoticesAsBuiltUntilHideClosesThemByTheIdNotifyReturned) {
-    server.SetCapabilities({QStringLiteral("body")});
     ASSERT_TRUE(services.PublishNotifications());
     auto presenter = DBusNotificationPresenter::Create(APP);
     ASSERT_NE(presenter, nullptr);
@@ -81,8 +80,7 @@ TEST_P(DBusPresenterMarkup, BodyCarriesNoMarkupTheServerCannotReadAndUserTextSta
     if (GetParam().serverReadsMarkup) {
         capabilities << QStringLiteral("body-markup");
     }
-    server.SetCapabilities(capabilities);
-    ASSERT_TRUE(services.PublishNotifications());
+    ASSERT_TRUE(services.PublishNotifications(capabilities));
     auto presenter = DBusNotificationPresenter::Create(APP);
     ASSERT_NE(presenter, nullptr);
     EXPECT_FALSE(presenter->SupportsFeature(RichTextColor));
@@ -112,7 +110,7 @@ TEST_F(DBusPresenter, AMissingOrSilentServerCostsAtMostTheTimeoutAndGetsNoNotice
     EXPECT_LT(elapsed.restart(), 2000);
 
     ASSERT_TRUE(services.PublishNotifications());
-    server.SetSilent(true);
+    server.silent = true;
     EXPECT_EQ(DBusNotificationPresenter::Create(APP, 300ms), nullptr);
     EXPECT_GE(elapsed.elapsed(), 250);
     DBusNotificationPresenter(APP, 300ms).Show(Notice("title"));
