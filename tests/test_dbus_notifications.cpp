@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <QElapsedTimer>
 
+#include "Scheduler/NotificationHelperImpl.h"
 #include "fakes/FakeDBusServices.h"
 #include "platform/DBusNotificationPresenter.h"
 
@@ -14,21 +15,8 @@ using namespace std::chrono_literals;
 const QString APP = QStringLiteral("vexlor-schedule");
 const char* const TEXT = "A recording is scheduled for 14:05.";
 
-class TextNotice : public INotification {
-public:
-    TextNotice(const char* title, const char* text) : title(title), text(text) {}
-    QString GetAcceptButtonText() const override { return {}; }
-    QString GetRejectButtonText() const override { return {}; }
-    QString GetTitleText() const override { return title; }
-    QString GetInformationText() const override { return text; }
-    bool HasAcceptButton() const override { return false; }
-    void Accept() override {}
-    void Reject() override {}
-    const QString title, text;
-};
-
 std::shared_ptr<INotification> Notice(const char* title, const char* text = TEXT) {
-    return std::make_shared<TextNotice>(title, text);
+    return std::make_shared<Notification::Information>(title, text);
 }
 
 class DBusPresenter : public testing::Test {
