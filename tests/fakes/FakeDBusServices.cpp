@@ -3,30 +3,71 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <QDBusConnection>
-#include <QMetaObject>
+#include <memory>
 
-#include "fakes/PrivateBus.h"
+#include <gtest/gtest.h>
+#include <QDBusConnection>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
 
 namespace Vexlor::Testing {
 
 namespace {
 
-const QString NOTIFICATIONS_NAME = QStringLiteral("org.freedesktop.Notifications");
-const QString NOTIFICATIONS_PATH = QStringLiteral("/org/freedesktop/Notifications");
-const QString LOGIN_NAME = QStringLiteral("org.freedesktop.login1");
-const QString LOGIN_PATH = QStringLiteral("/org/freedesktop/login1");
+const QString NOTIFICATIONS = QStringLiteral("org.freedesktop.Notifications");
+const QString LOGIN = QStringLiteral("org.freedesktop.login1");
+QString busAddress;
+
+// Both services sit at the path spelled like their name.
+QString PathOf(QString name) {
+    return QLatin1Char('/') + name.replace(QLatin1Char('.'), QLatin1Char('/'));
+}
+
+// Serves as session and system bus. It must be up before anything touches QDBusConnection,
+// whose default connections read the addresses once.
+class PrivateBus : public testing::Environment {
+    void SetUp() override {
+        dir = std::make_unique<QTemporaryDir>();
+        QFile config(dir->filePath(QStringLiteral("bus.conf")));
+        ASSERT_TRUE(config.open(QIODevice::WriteOnly));
+        // No service directories: a name that nobody owns is an error at once, not an activation.
+        config.write(QStringLiteral("<busconfig><type>session</type><listen>unix:path=%1</listen>"
+                                    "<policy context='default'><allow send_destination='*' "
+                                    "eavesdrop='true'/><allow eavesdrop='true'/><allow own='*'/>"
+                                    "</policy></busconfig>")
+                         .arg(dir->filePath(QStringLiteral("bus")))
+                         .toUtf8());
+        config.close();
+        daemon = std::make_unique<QProcess>();
+        daemon->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        daemon->start(QStringLiteral("dbus-daemon"),
+                      {QStringLiteral("--nofork"), QStringLiteral("--print-address=1"),
+                       QStringLiteral("--config-file=") + config.fileName()});
+        // The address is printed once the bus listens.
+        while (!daemon->canReadLine()) {
+            ASSERT_TRUE(daemon->waitForReadyRead(5000)) << "dbus-daemon prints no address";
+        }
+        busAddress = QString::fromUtf8(daemon->readLine()).trimmed();
+        qputenv("DBUS_SESSION_BUS_ADDRESS", busAddress.toUtf8());
+        qputenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.toUtf8());
+        qunsetenv("DBUS_STARTER_ADDRESS");
+        qunsetenv("DBUS_STARTER_BUS_TYPE");
+    }
+    void TearDown() override {
+        daemon->kill();
+        daemon->waitForFinished(5000);
+        daemon.reset();
+        dir.reset();
+    }
+
+    std::unique_ptr<QTemporaryDir> dir;
+    std::unique_ptr<QProcess> daemon;
+};
+
+testing::Environment* const privateBus = testing::AddGlobalTestEnvironment(new PrivateBus);
 
 }  // namespace
-
-void FakeNotificationServer::SetCapabilities(const QStringList& list) {
-    std::lock_guard<std::mutex> lock(mutex);
-    capabilities = list;
-}
-
-void FakeNotificationServer::SetSilent(bool value) {
-    silent = value;
-}
 
 std::vector<FakeNotificationServer::Notice> FakeNotificationServer::Notices() const {
     std::lock_guard<std::mutex> lock(mutex);
@@ -38,47 +79,27 @@ std::vector<uint> FakeNotificationServer::Closed() const {
     return closed;
 }
 
-int FakeNotificationServer::CapabilityQueries() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return capabilityQueries;
-}
-
-bool FakeNotificationServer::Unanswered() {
-    if (silent) {
-        // The reply is left to us and never sent: the caller waits until its own timeout.
-        setDelayedReply(true);
-        return true;
-    }
-    return false;
-}
-
+// A silent server keeps the reply to itself and never sends it: callers wait out their timeout.
 QStringList FakeNotificationServer::GetCapabilities() {
+    setDelayedReply(silent);
     std::lock_guard<std::mutex> lock(mutex);
-    ++capabilityQueries;
-    if (Unanswered()) {
-        return {};
-    }
     return capabilities;
 }
 
-uint FakeNotificationServer::Notify(const QString& appName, uint replacesId, const QString& appIcon,
-                                    const QString& summary, const QString& body,
-                                    const QStringList& actions, const QVariantMap& hints,
-                                    int expireTimeout) {
+uint FakeNotificationServer::Notify(const QString& appName, uint replacesId, const QString&,
+                                    const QString& summary, const QString& body, const QStringList&,
+                                    const QVariantMap&, int expireTimeout) {
+    setDelayedReply(silent);
     std::lock_guard<std::mutex> lock(mutex);
     const uint id = replacesId != 0 ? replacesId : nextId++;
-    notices.push_back(
-        {appName, replacesId, appIcon, summary, body, actions, hints, expireTimeout, id});
-    if (Unanswered()) {
-        return 0;
-    }
+    notices.push_back({appName, replacesId, summary, body, expireTimeout, id});
     return id;
 }
 
 void FakeNotificationServer::CloseNotification(uint id) {
+    setDelayedReply(silent);
     std::lock_guard<std::mutex> lock(mutex);
     closed.push_back(id);
-    Unanswered();
 }
 
 FakeLoginManager::~FakeLoginManager() {
@@ -87,118 +108,70 @@ FakeLoginManager::~FakeLoginManager() {
     }
 }
 
-void FakeLoginManager::SetSilent(bool value) {
-    silent = value;
-}
-
 std::vector<FakeLoginManager::Inhibition> FakeLoginManager::Inhibitions() const {
     std::lock_guard<std::mutex> lock(mutex);
     return inhibitions;
 }
 
-bool FakeLoginManager::Released(std::size_t index, std::chrono::milliseconds wait) const {
-    int fd = -1;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (index >= inhibitions.size()) {
-            return false;
-        }
-        fd = inhibitions[index].keptEnd;
-    }
-    pollfd entry{fd, POLLIN, 0};
-    const int ready = ::poll(&entry, 1, static_cast<int>(wait.count()));
-    return ready == 1 && (entry.revents & POLLHUP) != 0;
+bool FakeLoginManager::Released(std::size_t index, int waitMs) const {
+    const std::vector<Inhibition> all = Inhibitions();
+    pollfd entry{index < all.size() ? all[index].keptEnd : -1, POLLIN, 0};
+    return ::poll(&entry, 1, waitMs) == 1 && (entry.revents & POLLHUP) != 0;
 }
 
 QDBusUnixFileDescriptor FakeLoginManager::Inhibit(const QString& what, const QString& who,
                                                   const QString& why, const QString& mode) {
-    if (silent) {
-        setDelayedReply(true);
-        return {};
-    }
+    setDelayedReply(silent);
     int ends[2];
-    if (::pipe(ends) != 0) {
-        sendErrorReply(QDBusError::Failed, QStringLiteral("pipe failed"));
+    if (silent || ::pipe(ends) != 0) {
         return {};
     }
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        inhibitions.push_back({what, who, why, mode, ends[0]});
-    }
-    // The returned object holds a duplicate; ours is not needed past this point.
-    QDBusUnixFileDescriptor handedOut(ends[1]);
+    std::lock_guard<std::mutex> lock(mutex);
+    inhibitions.push_back({what, who, why, mode, ends[0]});
+    QDBusUnixFileDescriptor handedOut(ends[1]);  // holds a duplicate
     ::close(ends[1]);
     return handedOut;
 }
 
-FakeBusServices::FakeBusServices() {
-    static std::atomic<int> counter{0};
-    connectionName = QStringLiteral("vexlor-fake-services-%1").arg(counter++);
-    context = new QObject;
-    context->moveToThread(&thread);
+FakeBusServices::FakeBusServices()
+    : connection(QStringLiteral("fake-services-%1").arg(quintptr(this))) {
+    QDBusConnection::connectToBus(busAddress, connection);
+    notifications.moveToThread(&thread);
+    login.moveToThread(&thread);
     thread.start();
-    InThread([this] {
-        QDBusConnection::connectToBus(PrivateBusEnvironment::Address(), connectionName);
-        notifications = new FakeNotificationServer;
-        login = new FakeLoginManager;
-    });
 }
 
 FakeBusServices::~FakeBusServices() {
-    InThread([this] {
-        QDBusConnection bus(connectionName);
-        bus.unregisterService(NOTIFICATIONS_NAME);
-        bus.unregisterService(LOGIN_NAME);
-        bus.unregisterObject(NOTIFICATIONS_PATH);
-        bus.unregisterObject(LOGIN_PATH);
-        delete notifications;
-        delete login;
-        QDBusConnection::disconnectFromBus(connectionName);
-    });
+    Withdraw();
     thread.quit();
     thread.wait();
-    delete context;
+    QDBusConnection::disconnectFromBus(connection);
 }
 
-bool FakeBusServices::PublishNotifications() {
-    bool ok = false;
-    InThread([this, &ok] {
-        QDBusConnection bus(connectionName);
-        ok = bus.registerObject(NOTIFICATIONS_PATH, notifications,
-                                QDBusConnection::ExportAllSlots) &&
-             bus.registerService(NOTIFICATIONS_NAME);
-    });
-    return ok;
-}
-
-void FakeBusServices::WithdrawNotifications() {
-    InThread([this] {
-        QDBusConnection bus(connectionName);
-        bus.unregisterService(NOTIFICATIONS_NAME);
-        bus.unregisterObject(NOTIFICATIONS_PATH);
-    });
+bool FakeBusServices::PublishNotifications(const QStringList& capabilities) {
+    {
+        std::lock_guard<std::mutex> lock(notifications.mutex);
+        notifications.capabilities = capabilities;
+    }
+    return Publish(NOTIFICATIONS, &notifications);
 }
 
 bool FakeBusServices::PublishLogin() {
-    bool ok = false;
-    InThread([this, &ok] {
-        QDBusConnection bus(connectionName);
-        ok = bus.registerObject(LOGIN_PATH, login, QDBusConnection::ExportAllSlots) &&
-             bus.registerService(LOGIN_NAME);
-    });
-    return ok;
+    return Publish(LOGIN, &login);
 }
 
-void FakeBusServices::WithdrawLogin() {
-    InThread([this] {
-        QDBusConnection bus(connectionName);
-        bus.unregisterService(LOGIN_NAME);
-        bus.unregisterObject(LOGIN_PATH);
-    });
+bool FakeBusServices::Publish(const QString& name, QObject* service) {
+    QDBusConnection bus(connection);
+    return bus.registerObject(PathOf(name), service, QDBusConnection::ExportAllSlots) &&
+           bus.registerService(name);
 }
 
-void FakeBusServices::InThread(const std::function<void()>& work) {
-    QMetaObject::invokeMethod(context, work, Qt::BlockingQueuedConnection);
+void FakeBusServices::Withdraw() {
+    QDBusConnection bus(connection);
+    for (const QString& name : {NOTIFICATIONS, LOGIN}) {
+        bus.unregisterService(name);
+        bus.unregisterObject(PathOf(name));
+    }
 }
 
 }  // namespace Vexlor::Testing

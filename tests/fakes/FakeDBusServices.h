@@ -1,24 +1,21 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <functional>
-#include <memory>
 #include <mutex>
 #include <vector>
 
 #include <QDBusContext>
 #include <QDBusUnixFileDescriptor>
 #include <QObject>
-#include <QString>
 #include <QStringList>
 #include <QThread>
 #include <QVariantMap>
 
+// Linking these fakes gives the test process a dbus-daemon of its own, started before the first
+// test: DBUS_SESSION_BUS_ADDRESS and DBUS_SYSTEM_BUS_ADDRESS both point at it.
 namespace Vexlor::Testing {
 
-// A notification server that records what it is asked. Its slots run in the service thread
-// of FakeBusServices; the accessors may be called from any thread.
+// Records what it is sent. Slots run on the services' thread, the accessors on any thread.
 class FakeNotificationServer : public QObject, protected QDBusContext {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
@@ -27,25 +24,13 @@ public:
     struct Notice {
         QString appName;
         uint replacesId;
-        QString appIcon;
-        QString summary;
-        QString body;
-        QStringList actions;
-        QVariantMap hints;
+        QString summary, body;
         int expireTimeout;
         uint returnedId;
     };
-
-    // Ids start away from 0 and 1 so that a made-up id does not pass by chance.
-    static constexpr uint FIRST_ID = 41;
-
-    void SetCapabilities(const QStringList& capabilities);
-    // A silent server takes calls and never answers them.
-    void SetSilent(bool silent);
-
+    std::atomic<bool> silent{false};  // takes calls and never answers them
     std::vector<Notice> Notices() const;
     std::vector<uint> Closed() const;
-    int CapabilityQueries() const;
 
 public slots:
     QStringList GetCapabilities();
@@ -55,40 +40,30 @@ public slots:
     void CloseNotification(uint id);
 
 private:
-    bool Unanswered();
-
+    friend class FakeBusServices;
     mutable std::mutex mutex;
     QStringList capabilities;
     std::vector<Notice> notices;
     std::vector<uint> closed;
-    int capabilityQueries = 0;
-    uint nextId = FIRST_ID;
-    std::atomic<bool> silent{false};
+    uint nextId = 41;  // away from 0 and 1, so that a made-up id does not pass by chance
 };
 
-// logind's manager as far as sleep locks go. Like logind it hands out the writing end of a
-// pipe and keeps the reading end, which reports a hang-up once every copy of the writing end
-// is closed.
+// logind's sleep locks. Like logind it hands out one end of a pipe and keeps the other, which
+// reports a hang-up once every copy of the handed-out end is closed.
 class FakeLoginManager : public QObject, protected QDBusContext {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.login1.Manager")
 
 public:
     struct Inhibition {
-        QString what;
-        QString who;
-        QString why;
-        QString mode;
+        QString what, who, why, mode;
         int keptEnd;
     };
-
     ~FakeLoginManager() override;
-
-    void SetSilent(bool silent);
+    std::atomic<bool> silent{false};  // takes calls and never answers them
     std::vector<Inhibition> Inhibitions() const;
-
-    // Whether the holder of inhibition `index` has closed its descriptor, waiting up to `wait`.
-    bool Released(std::size_t index, std::chrono::milliseconds wait) const;
+    // Whether lock `index` has been released, waiting up to `waitMs` for it.
+    bool Released(std::size_t index, int waitMs = 0) const;
 
 public slots:
     QDBusUnixFileDescriptor Inhibit(const QString& what, const QString& who, const QString& why,
@@ -97,37 +72,27 @@ public slots:
 private:
     mutable std::mutex mutex;
     std::vector<Inhibition> inhibitions;
-    std::atomic<bool> silent{false};
 };
 
-// Runs the fake services on a thread of their own, with their own connection to the private
-// bus: the code under test makes blocking calls from the main thread, so the answers must come
-// from elsewhere.
+// Both fakes, answering from a thread and bus connection of their own: the code under test
+// blocks the main thread on its calls.
 class FakeBusServices {
 public:
     FakeBusServices();
     ~FakeBusServices();
-    FakeBusServices(const FakeBusServices&) = delete;
-    FakeBusServices& operator=(const FakeBusServices&) = delete;
-
-    FakeNotificationServer& Notifications() { return *notifications; }
-    FakeLoginManager& Login() { return *login; }
-
-    // Take and give up the well-known names; the objects and their records stay. Publishing
-    // answers whether the bus accepted object and name.
-    bool PublishNotifications();
-    void WithdrawNotifications();
+    // Take a well-known name; true when the bus accepted it.
+    bool PublishNotifications(const QStringList& capabilities = {QStringLiteral("body")});
     bool PublishLogin();
-    void WithdrawLogin();
+    // Gives up both names; the records stay.
+    void Withdraw();
+
+    FakeNotificationServer notifications;
+    FakeLoginManager login;
 
 private:
-    void InThread(const std::function<void()>& work);
-
-    QString connectionName;
+    bool Publish(const QString& name, QObject* service);
+    QString connection;
     QThread thread;
-    QObject* context = nullptr;
-    FakeNotificationServer* notifications = nullptr;
-    FakeLoginManager* login = nullptr;
 };
 
 }  // namespace Vexlor::Testing
