@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # CPU used by `vexlor-schedule run` over a window with scheduling on and nothing due, as a
-# percentage of one core, from the process's utime + stime in /proc.
+# percentage of one core, from the CPU time that /proc/PID/schedstat reports in ns.
 #   scripts/idle-cpu.sh BUILD_DIR [SECONDS]
 set -euo pipefail
 build="${1:?build directory}"
@@ -16,10 +16,9 @@ export VEXLOR_SCHEDULE_SETTINGS="$work/settings.ini"
 pid=$!
 sleep 2   # start-up is not idle time
 
-ticks() { awk '{ print $14 + $15 }' "/proc/$pid/stat"; }
-hz=$(getconf CLK_TCK)
-before=$(ticks)
+cpu_ns() { awk '{ print $1 }' "/proc/$pid/schedstat"; }
+before=$(cpu_ns)
 sleep "$seconds"
-after=$(ticks)
-awk -v t=$((after - before)) -v hz="$hz" -v s="$seconds" \
-  'BEGIN { printf "idle run: %d ticks of 1/%d s in %d s = %.3f %% of one core\n", t, hz, s, 100 * t / hz / s }'
+after=$(cpu_ns)
+awk -v ns=$((after - before)) -v s="$seconds" \
+  'BEGIN { printf "idle run: %.1f ms of CPU in %d s = %.3f %% of one core\n", ns / 1e6, s, 100 * ns / 1e9 / s }'
