@@ -11,13 +11,24 @@
 
 namespace Vexlor::ScheduleTool {
 
-// The two places where a desktop back-end is chosen. The wiring of `run` only asks these
-// for a power manager and a presenter creator, so other back-ends plug in here alone.
+// The places where a desktop back-end is chosen. The wiring of `run` only asks these for a
+// power manager and a presenter creator, so other back-ends plug in here alone. A desktop
+// back-end whose service does not answer gives one warning on standard error and the
+// printing stand-in instead.
 
-// `onChange` is told each time the keep-awake state really changes.
-std::shared_ptr<App::IPowerManager> MakePowerManager(std::function<void(bool)> onChange);
+// Without --notify: Desktop when the process runs in a desktop session, that is when any of
+// DBUS_SESSION_BUS_ADDRESS, WAYLAND_DISPLAY, DISPLAY or XDG_CURRENT_DESKTOP is set and not
+// empty; Console otherwise, and always in a build without D-Bus.
+NoticeChoice DefaultNoticeChoice();
 
-// `report` receives each line that a console presenter writes.
+// Told each time the keep-awake state really changes; `systemLock` says whether a logind
+// sleep lock was taken or released, rather than the state only being noted.
+using SleepCallback = std::function<void(bool sleepPrevented, bool systemLock)>;
+
+// With `keepAwake`, a logind sleep lock when logind answers on the system bus.
+std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallback onChange);
+
+// `report` receives one line for each notice shown or withdrawn.
 DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
     NoticeChoice choice, std::function<void(const QString&)> report);
 

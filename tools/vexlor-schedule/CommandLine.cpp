@@ -158,6 +158,10 @@ QString ParseRun(ArgumentReader& reader, RunOptions& run) {
             run.untilEmpty = true;
             continue;
         }
+        if (name == QLatin1String("--no-keep-awake") && !inlineValue) {
+            run.keepAwake = false;
+            continue;
+        }
         if (name != QLatin1String("--lead") && name != QLatin1String("--exec") &&
             name != QLatin1String("--notify")) {
             return QStringLiteral("run: unknown argument %1").arg(argument);
@@ -177,12 +181,14 @@ QString ParseRun(ArgumentReader& reader, RunOptions& run) {
                 return QStringLiteral("--exec needs a command");
             }
             run.exec = *value;
+        } else if (*value == QLatin1String("desktop")) {
+            run.notice = NoticeChoice::Desktop;
         } else if (*value == QLatin1String("console")) {
             run.notice = NoticeChoice::Console;
         } else if (*value == QLatin1String("none")) {
             run.notice = NoticeChoice::None;
         } else {
-            return QStringLiteral("--notify must be console or none");
+            return QStringLiteral("--notify must be desktop, console or none");
         }
     }
     return {};
@@ -272,7 +278,8 @@ QString UsageText() {
         "  enable\n"
         "  disable\n"
         "  status        the enabled flag, the next recording and the time until it\n"
-        "  run [--lead DURATION] [--exec COMMAND] [--until-empty] [--notify console|none]\n"
+        "  run [--lead DURATION] [--exec COMMAND] [--until-empty]\n"
+        "      [--notify desktop|console|none] [--no-keep-awake]\n"
         "DURATION: 90s, 30m, 1h30m or 0 (--for 0, the default: no planned end).\n"
         "The settings file is FILE, else $VEXLOR_SCHEDULE_SETTINGS, else one in the user's\n"
         "configuration folder.\n"

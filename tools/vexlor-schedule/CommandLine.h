@@ -11,7 +11,7 @@ namespace Vexlor::ScheduleTool {
 
 enum class CommandName { Add, List, Remove, Clear, Enable, Disable, Status, Run, Help };
 
-enum class NoticeChoice { Console, None };
+enum class NoticeChoice { Desktop, Console, None };
 
 struct AddOptions {
     QString title;
@@ -27,7 +27,8 @@ struct RunOptions {
     Time::Microseconds lead{0};
     std::optional<QString> exec;
     bool untilEmpty = false;
-    NoticeChoice notice = NoticeChoice::Console;
+    std::optional<NoticeChoice> notice;  // unset: chosen from the session, see Backends.h
+    bool keepAwake = true;
 };
 
 struct Invocation {

@@ -17,7 +17,8 @@ public:
     void Line(const QString& text);
 
     void SchedulerStarted(bool enabled, std::size_t recordsAhead);
-    void SleepChanged(bool sleepPrevented);
+    // `systemLock`: a logind sleep lock was taken or released, not only the state noted.
+    void SleepChanged(bool sleepPrevented, bool systemLock);
     void RecordingRequested();
     void RecordingStarted(const QK::RecordTime& record);
     void RecordingFinished(const QString& title, const QString& how);

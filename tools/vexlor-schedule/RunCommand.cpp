@@ -72,8 +72,9 @@ RunSession::RunSession(const QString& path, const RunOptions& options)
     drops.SetKnown(settings->GetSchedule());
     settings->RegisterEventHandler(&drops);
 
-    DesktopNotification::Presenter::Factory::GetInstance().SetCreator(MakePresenterCreator(
-        options.notice, [this](const QString& line) { printer.Notice(line); }));
+    DesktopNotification::Presenter::Factory::GetInstance().SetCreator(
+        MakePresenterCreator(options.notice.value_or(DefaultNoticeChoice()),
+                             [this](const QString& line) { printer.Notice(line); }));
 
     queuedGateway = std::make_shared<ExternalStimulus::QueuedGateway>();
     auto gateway = std::make_shared<RequestGateway>(queuedGateway, [this](const std::string& name) {
@@ -85,7 +86,10 @@ RunSession::RunSession(const QString& path, const RunOptions& options)
     const bool leadEnabled = options.lead.count() > 0;
     scheduler = std::make_shared<QK::Scheduler>(
         settings, std::make_shared<QK::FixedUiSettings>(leadEnabled, options.lead), gateway,
-        MakePowerManager([this](bool sleepPrevented) { printer.SleepChanged(sleepPrevented); }),
+        MakePowerManager(options.keepAwake,
+                         [this](bool sleepPrevented, bool systemLock) {
+                             printer.SleepChanged(sleepPrevented, systemLock);
+                         }),
         std::make_shared<Time::SystemClock>(), std::make_shared<Time::QtDurationTimer>());
 
     controller = std::make_unique<CaptureController>(*scheduler, printer, options.exec,
