@@ -12,7 +12,7 @@ export VEXLOR_SCHEDULE_SETTINGS="$work/settings.ini"
 
 "$runner" add "Tomorrow" --in 24h --for 30m > /dev/null
 "$runner" enable > /dev/null
-"$runner" run --notify none > "$work/run.log" &
+"$runner" run --notify none --no-keep-awake > "$work/run.log" &
 pid=$!
 sleep 2   # start-up is not idle time
 
