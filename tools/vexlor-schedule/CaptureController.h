@@ -39,6 +39,11 @@ public:
 
     void OnScheduledCaptureStarted(const QK::RecordTime& record) override;
 
+    // The recording being captured now, if any.
+    std::optional<QK::RecordTime> CurrentRecord() const {
+        return capturing ? startedRecord : std::nullopt;
+    }
+
     // No capture runs and none is on its way.
     bool IsIdle() const { return !capturing && pendingRequests == 0; }
 

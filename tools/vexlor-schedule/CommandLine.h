@@ -21,6 +21,7 @@ struct AddOptions {
     int tag = -1;
     int mode = 0;
     bool allowOverlap = false;
+    bool enable = false;
 };
 
 struct RunOptions {

@@ -4,144 +4,96 @@
 #include <exception>
 #include <memory>
 
-#include "Duration.h"
-#include "RecordText.h"
+#include <QDir>
+#include <QFileInfo>
+#include <QLocalSocket>
+
+#include "ControlChannel.h"
+#include "Edit.h"
+#include "FileLock.h"
 #include "RunCommand.h"
-#include "Scheduler/SchedulerHelper.h"
+#include "ScheduleLocation.h"
 #include "Scheduler/SchedulerSettings.h"
 #include "SettingsPath.h"
-#include "core/Saturating.h"
+#include "StoredSettings.h"
 #include "platform/IniSettingsManager.h"
 
 namespace Vexlor::ScheduleTool {
 
 namespace {
 
-void Print(const QString& line) {
-    std::fputs(qPrintable(line + QLatin1Char('\n')), stdout);
-}
+constexpr std::chrono::seconds EDIT_LOCK_PATIENCE{30};
+constexpr int RUN_ANSWER_PATIENCE_MS = 30000;
 
-int Refuse(const QString& message) {
-    std::fprintf(stderr, "vexlor-schedule: %s\n", qPrintable(message));
-    return EXIT_REFUSED;
-}
-
-// The stored schedule as the editor sees it: put in record by record, so records that are
-// already over stay out.
-void LoadInto(QK::SchedulerHelper& helper, const QK::RecordTimeList& schedule) {
-    for (const QK::RecordTime& record : schedule) {
-        helper.AddRecord(record);
+int Print(const EditOutcome& outcome) {
+    std::fputs(outcome.out.toUtf8().constData(), stdout);
+    for (const QString& line : outcome.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        std::fprintf(stderr, "vexlor-schedule: %s\n", line.toUtf8().constData());
     }
+    return outcome.exitCode;
 }
 
-int Add(QK::SchedulerSettings& settings, const AddOptions& options) {
-    const Time::TimePoint now = Time::SystemClock().Now();
-    QK::RecordTime record;
-    record.title = options.title;
-    record.startTime = options.at ? *options.at : Core::SaturatingAdd(now, *options.in);
-    record.duration = options.duration;
-    record.tag = options.tag;
-    record.mode = static_cast<QK::RecordMode>(options.mode);
+int Fail(const QString& message) {
+    EditOutcome outcome;
+    outcome.exitCode = EXIT_REFUSED;
+    outcome.err = message;
+    return Print(outcome);
+}
 
-    QK::SchedulerHelper probe;
-    if (probe.AddRecord(record) < 0) {
-        return Refuse(QStringLiteral("%1 is already over").arg(DescribeRecord(record)));
+bool Writes(CommandName command) {
+    return command != CommandName::List && command != CommandName::Status;
+}
+
+// No run is active and the edit lock is held: read, edit and write the file here.
+EditOutcome EditFile(const QString& path, const EditRequest& request) {
+    const EditContext context{Time::SystemClock().Now(), std::nullopt};
+    StoredSettings stored;
+    try {
+        stored = ReadStoredSettings(path);
+    } catch (const UnreadableSchedule& error) {
+        if (request.command != CommandName::Clear) {
+            throw;
+        }
+        // What cannot be read can still be cleared.
     }
+    EditOutcome outcome = ApplyEdit({stored.schedule, stored.enabled}, request, context);
+    if (outcome.changed) {
+        if (Writes(request.command) && !QDir().mkpath(QFileInfo(path).absolutePath())) {
+            throw std::runtime_error("cannot create the folder of " + path.toStdString());
+        }
+        WriteStoredSettings(path, {outcome.changed->schedule, outcome.changed->enabled});
+    }
+    return outcome;
+}
 
-    QK::SchedulerHelper helper;
-    LoadInto(helper, settings.GetSchedule());
-    if (helper.DoesTitleAlreadyExists(record.title)) {
-        for (const QK::RecordTime& existing : helper.GetPreparedSchedule()) {
-            if (existing.title == record.title) {
-                return Refuse(
-                    QStringLiteral("the title is taken by %1").arg(DescribeRecord(existing)));
+int Edit(const ScheduleLocation& location, const EditRequest& request) {
+    const QByteArray encoded = EncodeRequest(request);
+    // A run that ends between our connect and its answer never took the edit; the next
+    // round finds the socket gone and edits the file.
+    for (int round = 0; round < 3; ++round) {
+        FileLock lock = FileLock::Take(location.editLockPath, EDIT_LOCK_PATIENCE);
+        QLocalSocket socket;
+        if (!ControlClient::Connect(socket, location.socketPath)) {
+            return Print(EditFile(location.settingsPath, request));
+        }
+        // The run owns the schedule; it takes the edit lock only while it starts and never
+        // waits for it afterwards, but nothing needs it held while the run answers.
+        lock.Release();
+        const ControlAnswer answer =
+            ControlClient::Exchange(socket, encoded, RUN_ANSWER_PATIENCE_MS);
+        if (answer.kind == ControlAnswer::Answered) {
+            if (const auto outcome = DecodeOutcome(answer.answer)) {
+                return Print(*outcome);
             }
+            return Fail(QStringLiteral("the running scheduler gave an answer that is not one"));
+        }
+        if (socket.state() == QLocalSocket::ConnectedState) {
+            return Fail(QStringLiteral("the running scheduler (pid %1) did not answer within %2 s")
+                            .arg(FileLock::HolderPid(location.runLockPath))
+                            .arg(RUN_ANSWER_PATIENCE_MS / 1000));
         }
     }
-    if (!options.allowOverlap && helper.DoesCaptureTimeIntersected(record)) {
-        // Ask record by record, to name the one in the way.
-        for (const QK::RecordTime& existing : helper.GetPreparedSchedule()) {
-            QK::SchedulerHelper single;
-            single.AddRecord(existing);
-            if (single.DoesCaptureTimeIntersected(record)) {
-                return Refuse(QStringLiteral("%1 overlaps %2 (use --allow-overlap to keep both)")
-                                  .arg(DescribeRecord(record), DescribeRecord(existing)));
-            }
-        }
-        return Refuse(
-            QStringLiteral("%1 overlaps a planned recording").arg(DescribeRecord(record)));
-    }
-    if (helper.AddRecord(record) < 0) {
-        return Refuse(QStringLiteral("%1 is already over").arg(DescribeRecord(record)));
-    }
-    settings.SetSchedule(helper.GetPreparedSchedule());
-    Print(QStringLiteral("added %1").arg(DescribeRecord(record)));
-    return EXIT_DONE;
-}
-
-int Remove(QK::SchedulerSettings& settings, const QString& title) {
-    QK::SchedulerHelper helper;
-    LoadInto(helper, settings.GetSchedule());
-    if (!helper.DoesTitleAlreadyExists(title)) {
-        return Refuse(QStringLiteral("no planned recording is titled %1").arg(QuoteTitle(title)));
-    }
-    helper.RemoveRecord(title);
-    settings.SetSchedule(helper.GetPreparedSchedule());
-    Print(QStringLiteral("removed %1").arg(QuoteTitle(title)));
-    return EXIT_DONE;
-}
-
-int Status(QK::SchedulerSettings& settings) {
-    const Time::TimePoint now = Time::SystemClock().Now();
-    const QK::RecordTimeList schedule = settings.GetSchedule();
-    Print(QStringLiteral("scheduling: %1")
-              .arg(settings.IsSchedulerEnabled() ? QStringLiteral("enabled")
-                                                 : QStringLiteral("disabled")));
-    const QK::RecordTime* next = nullptr;
-    for (const QK::RecordTime& record : schedule) {
-        if (record.startTime >= now && (!next || record.startTime < next->startTime)) {
-            next = &record;
-        }
-    }
-    if (!next) {
-        Print(QStringLiteral("next: none"));
-        return EXIT_DONE;
-    }
-    const Time::Microseconds until = Core::SaturatingDiff(next->startTime, now);
-    // Whole seconds, rounded up: "in 0s" would read as "now".
-    const Time::Microseconds roundedUp((until.count() + 999999) / 1000000 * 1000000);
-    Print(QStringLiteral("next: %1, in %2").arg(DescribeRecord(*next), FormatDuration(roundedUp)));
-    return EXIT_DONE;
-}
-
-int Edit(const QString& path, const Invocation& invocation) {
-    QK::SchedulerSettings settings(std::make_shared<App::IniSettingsManager>(path));
-    switch (invocation.command) {
-        case CommandName::Add:
-            return Add(settings, invocation.add);
-        case CommandName::Remove:
-            return Remove(settings, invocation.removeTitle);
-        case CommandName::List:
-            for (const QK::RecordTime& record : settings.GetSchedule()) {
-                Print(FormatRecordLine(record));
-            }
-            return EXIT_DONE;
-        case CommandName::Clear:
-            settings.SetSchedule({});
-            return EXIT_DONE;
-        case CommandName::Enable:
-            settings.SetSchedulerEnabled(true);
-            return EXIT_DONE;
-        case CommandName::Disable:
-            settings.SetSchedulerEnabled(false);
-            return EXIT_DONE;
-        case CommandName::Status:
-            return Status(settings);
-        case CommandName::Run:
-        case CommandName::Help:
-            break;
-    }
-    return EXIT_USAGE;
+    return Fail(QStringLiteral("the running scheduler kept going away before it answered"));
 }
 
 }  // namespace
@@ -152,13 +104,14 @@ int Execute(const Invocation& invocation) {
         return EXIT_DONE;
     }
     const QString path = SettingsPathForProcess(invocation.settingsFile);
-    if (invocation.command == CommandName::Run) {
-        return RunScheduler(path, invocation.run);
-    }
     try {
-        return Edit(path, invocation);
+        const ScheduleLocation location = LocateSchedule(path);
+        if (invocation.command == CommandName::Run) {
+            return RunScheduler(location, invocation.run);
+        }
+        return Edit(location, MakeEditRequest(invocation, Time::SystemClock().Now()));
     } catch (const std::exception& error) {
-        return Refuse(QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(error.what())));
+        return Fail(QString::fromLocal8Bit(error.what()));
     }
 }
 

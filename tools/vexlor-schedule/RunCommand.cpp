@@ -8,50 +8,65 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
-#include <QLockFile>
 
 #include "Backends.h"
 #include "CaptureController.h"
+#include "Commands.h"
+#include "ControlChannel.h"
 #include "DropReporter.h"
+#include "Duration.h"
+#include "Edit.h"
 #include "EventPrinter.h"
+#include "FileLock.h"
+#include "RecordText.h"
 #include "RequestGateway.h"
 #include "Scheduler/NotificationHelper.h"
 #include "Scheduler/Scheduler.h"
 #include "Scheduler/SchedulerSettings.h"
 #include "SettingsWatcher.h"
 #include "SignalRelay.h"
-#include "StoredSettings.h"
 #include "interfaces/Clock.h"
 #include "platform/AppServices.h"
 #include "platform/FixedUiSettings.h"
 #include "platform/IniSettingsManager.h"
 #include "platform/QtDurationTimer.h"
 #include "platform/QueuedGateway.h"
+#include "platform/RetryingSettingsManager.h"
 
 namespace Vexlor::ScheduleTool {
 
 namespace {
 
 const std::string RECORD_SCHEDULE = "RECORD_SCHEDULE";
+constexpr std::chrono::seconds EDIT_LOCK_PATIENCE{30};
+constexpr std::chrono::seconds STORAGE_RETRY{2};
+// Far enough ahead that the scheduler, reading the clock a moment later, still sees a
+// caught-up record as starting now or later.
+constexpr Time::Microseconds CATCH_UP_MARGIN{20000};
 
 class RunSession {
 public:
-    RunSession(const QString& path, const RunOptions& options);
+    RunSession(const ScheduleLocation& location, const RunOptions& options);
     ~RunSession();
 
     RunSession(const RunSession&) = delete;
     RunSession& operator=(const RunSession&) = delete;
 
 private:
-    void Reload();
+    QByteArray HandleRequest(const QByteArray& bytes);
+    void ApplyState(const ScheduleState& state);
+    void OnFileChanged();
+    void OnStorage(const std::optional<std::string>& failure);
     void Shutdown();
     void CheckIdle();
 
     QString path;
     RunOptions options;
+    Time::SystemClock clock;
     QObject context;  // queued checks die with the session
     EventPrinter printer{stdout};
     DropReporter drops{printer, [this] { CheckIdle(); }};
+    std::shared_ptr<App::RetryingSettingsManager> storage;
     std::shared_ptr<QK::SchedulerSettings> settings;
     std::shared_ptr<ExternalStimulus::QueuedGateway> queuedGateway;
     std::shared_ptr<QK::Scheduler> scheduler;
@@ -59,17 +74,34 @@ private:
     std::unique_ptr<QK::NotificationHelper> notices;
     std::unique_ptr<SettingsWatcher> watcher;
     std::unique_ptr<SignalRelay> signalRelay;
+    std::unique_ptr<ControlServer> control;
+    QString readFailure;  // the last one reported
     bool idleCheckPosted = false;
     bool shuttingDown = false;
 };
 
-RunSession::RunSession(const QString& path, const RunOptions& options)
-    : path(path), options(options) {
-    settings =
-        std::make_shared<QK::SchedulerSettings>(std::make_shared<App::IniSettingsManager>(path));
-    // Registered before the scheduler exists: the scheduler's first write drops the
-    // records whose time passed while nothing ran, and that is reported too.
-    drops.SetKnown(settings->GetSchedule());
+RunSession::RunSession(const ScheduleLocation& location, const RunOptions& options)
+    : path(location.settingsPath), options(options) {
+    storage = std::make_shared<App::RetryingSettingsManager>(
+        std::make_shared<App::IniSettingsManager>(path), STORAGE_RETRY,
+        [this](const std::optional<std::string>& failure) { OnStorage(failure); });
+    settings = std::make_shared<QK::SchedulerSettings>(storage);
+    QK::RecordTimeList stored;
+    try {
+        stored = settings->GetSchedule();
+        settings->IsSchedulerEnabled();
+    } catch (const std::logic_error& error) {  // the decoder's
+        throw std::runtime_error("the schedule stored in " + path.toStdString() +
+                                 " is unreadable (" + error.what() + ")");
+    }
+    // Records under way are started at once instead of being dropped by the scheduler.
+    const QK::RecordTimeList caughtUp = CatchUp(stored, clock.Now(), CATCH_UP_MARGIN);
+    if (caughtUp != stored) {
+        settings->SetSchedule(caughtUp);
+    }
+    // Registered before the scheduler exists: its first write drops the records whose time
+    // passed while nothing ran, and that is reported too.
+    drops.SetKnown(caughtUp);
     settings->RegisterEventHandler(&drops);
 
     DesktopNotification::Presenter::Factory::GetInstance().SetCreator(
@@ -103,14 +135,26 @@ RunSession::RunSession(const QString& path, const RunOptions& options)
         settings, std::make_shared<App::FixedCustomizationManager>("vexlor-schedule"),
         std::make_shared<App::FixedLookAndFeelManager>(QLocale::system().name().toStdString()));
 
-    watcher = std::make_unique<SettingsWatcher>(path, [this] { Reload(); });
+    watcher = std::make_unique<SettingsWatcher>(path, [this] { OnFileChanged(); });
     signalRelay = std::make_unique<SignalRelay>([this](int) { Shutdown(); });
+    // Last: from here on other processes hand their edits to this one.
+    control = std::make_unique<ControlServer>(
+        location.socketPath, [this](const QByteArray& request) { return HandleRequest(request); });
 
     printer.SchedulerStarted(scheduler->IsEnabled(), scheduler->GetSchedule().size());
     CheckIdle();
 }
 
 RunSession::~RunSession() {
+    // Still the one writer here: what could not be saved yet gets a last try before other
+    // processes may write the file themselves.
+    if (storage->HasPending() && !storage->Flush()) {
+        std::fprintf(stderr,
+                     "vexlor-schedule: the latest changes to the schedule could not be saved to "
+                     "%s (%s); they are lost\n",
+                     qPrintable(path), storage->Failure().value_or(std::string()).c_str());
+    }
+    control.reset();
     signalRelay.reset();
     watcher.reset();
     notices.reset();
@@ -121,27 +165,114 @@ RunSession::~RunSession() {
     scheduler.reset();
 }
 
-// Another process changed the settings: hand the stored schedule and flag to the
-// scheduler. The scheduler's own writes land here too and are recognised by matching what
-// it already runs.
-void RunSession::Reload() {
-    StoredSettings stored;
-    try {
-        stored = ReadStoredSettings(path);
-    } catch (const std::exception& error) {
-        printer.Line(QStringLiteral("settings unreadable, kept the running schedule: %1")
-                         .arg(QString::fromLocal8Bit(error.what())));
-        return;
+// An edit from another process, on the schedule this process runs.
+QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
+    const auto request = DecodeRequest(bytes);
+    if (!request) {
+        return EncodeOutcome({EXIT_USAGE,
+                              {},
+                              QStringLiteral("the running scheduler could not read the request\n"),
+                              std::nullopt});
     }
-    if (stored.schedule == scheduler->GetSchedule() && stored.enabled == scheduler->IsEnabled()) {
-        return;
+    const ScheduleState current{scheduler->GetSchedule(), settings->IsSchedulerEnabled()};
+    const EditContext editContext{clock.Now(), controller->CurrentRecord()};
+    EditOutcome outcome = ApplyEdit(current, *request, editContext);
+    if (!outcome.changed) {
+        return EncodeOutcome(outcome);
     }
-    printer.ScheduleReloaded(stored.enabled, stored.schedule.size());
-    drops.SetKnown(stored.schedule);
-    scheduler->SetSchedule(stored.schedule);
-    scheduler->SetEnabled(stored.enabled);
-    drops.SetKnown(scheduler->GetSchedule());
+    printer.ScheduleReloaded(outcome.changed->enabled, outcome.changed->schedule.size());
+    ApplyState(*outcome.changed);
+    if (request->command == CommandName::Add) {
+        const QK::RecordTimeList running = scheduler->GetSchedule();
+        const bool kept = std::any_of(running.begin(), running.end(), [&](const QK::RecordTime& r) {
+            return r.title == request->record.title;
+        });
+        if (!kept) {
+            const QString why =
+                editContext.recording
+                    ? QStringLiteral("it would begin while %1 is being recorded")
+                          .arg(QuoteTitle(editContext.recording->title))
+                    : QStringLiteral("it ends before a capture begun %1 ahead could start")
+                          .arg(FormatDuration(options.lead));
+            outcome = {EXIT_REFUSED,
+                       {},
+                       QStringLiteral("the running scheduler could not take %1: %2\n")
+                           .arg(DescribeRecord(request->record), why),
+                       std::nullopt};
+        }
+    }
+    if (storage->HasPending()) {
+        outcome.err += QStringLiteral(
+                           "not saved to %1 yet (%2); the running scheduler holds the change and "
+                           "saves it when it can\n")
+                           .arg(path, QString::fromStdString(storage->Failure().value_or("")));
+    }
+    return EncodeOutcome(outcome);
+}
+
+// Hands a schedule and flag to the scheduler and keeps the settings in step with what it
+// made of them, so that nothing it drops stays stored.
+void RunSession::ApplyState(const ScheduleState& state) {
+    const QK::RecordTimeList schedule = controller->CurrentRecord()
+                                            ? state.schedule  // what begins now is dropped anyway
+                                            : CatchUp(state.schedule, clock.Now(), CATCH_UP_MARGIN);
+    drops.SetKnown(schedule);
+    scheduler->SetSchedule(schedule);
+    scheduler->SetEnabled(state.enabled);
+    // The user's switch holds also while nothing is planned, as it does in the file.
+    if (settings->IsSchedulerEnabled() != state.enabled) {
+        settings->SetSchedulerEnabled(state.enabled);
+    }
+    const QK::RecordTimeList running = scheduler->GetSchedule();
+    if (settings->GetSchedule() != running) {
+        settings->SetSchedule(running);
+    }
+    drops.SetKnown(running);
     CheckIdle();
+}
+
+// Someone changed the file, or it went away. This process holds the schedule and edits come
+// over the control socket, so a change here is a hand edit, or this process's own write.
+void RunSession::OnFileChanged() {
+    if (!QFileInfo::exists(path) || storage->HasPending()) {
+        // Removed, or storage failed: what this process holds goes back when it can.
+        const bool missing = !QFileInfo::exists(path);
+        if ((missing ? storage->Rewrite() : storage->Flush()) && missing) {
+            printer.Line(QStringLiteral("settings file was gone: wrote the running schedule to %1")
+                             .arg(path));
+        }
+        return;
+    }
+    const App::RetryingSettingsManager::Snapshot before = storage->Hold();
+    try {
+        if (!storage->Reload()) {
+            readFailure.clear();
+            return;
+        }
+        const ScheduleState stored{settings->GetSchedule(), settings->IsSchedulerEnabled()};
+        readFailure.clear();
+        printer.ScheduleReloaded(stored.enabled, stored.schedule.size());
+        ApplyState(stored);
+    } catch (const std::exception& error) {
+        storage->Restore(before);
+        const QString failure = QString::fromLocal8Bit(error.what());
+        if (failure != readFailure) {
+            readFailure = failure;
+            printer.Line(
+                QStringLiteral("settings unreadable, kept the running schedule: %1").arg(failure));
+        }
+    }
+}
+
+void RunSession::OnStorage(const std::optional<std::string>& failure) {
+    if (failure) {
+        printer.Line(QStringLiteral("settings not saved: %1; the running schedule is kept and "
+                                    "saving is retried every %2 s")
+                         .arg(QString::fromLocal8Bit(failure->c_str()))
+                         .arg(STORAGE_RETRY.count()));
+    } else {
+        printer.Line(QStringLiteral("settings saved again to %1").arg(path));
+    }
 }
 
 void RunSession::Shutdown() {
@@ -170,28 +301,39 @@ void RunSession::CheckIdle() {
         Qt::QueuedConnection);
 }
 
+int Refuse(const std::string& message) {
+    std::fprintf(stderr, "vexlor-schedule: %s\n", message.c_str());
+    return EXIT_REFUSED;
+}
+
 }  // namespace
 
-int RunScheduler(const QString& settingsPath, const RunOptions& options) {
-    if (!QDir().mkpath(QFileInfo(settingsPath).absolutePath())) {
-        std::fprintf(stderr, "vexlor-schedule: cannot create the folder of %s\n",
-                     qPrintable(settingsPath));
-        return 1;
+int RunScheduler(const ScheduleLocation& location, const RunOptions& options) {
+    const QString folder = QFileInfo(location.settingsPath).absolutePath();
+    if (!QDir().mkpath(folder)) {
+        return Refuse("cannot create the settings folder " + folder.toStdString());
     }
-    // Two runners on one schedule would both carry out every recording.
-    QLockFile runLock(settingsPath + QStringLiteral(".run-lock"));
-    runLock.setStaleLockTime(0);  // stale only when its process is gone
-    if (!runLock.tryLock(0)) {
-        std::fprintf(stderr, "vexlor-schedule: another run is active on %s\n",
-                     qPrintable(settingsPath));
-        return 1;
+    std::optional<FileLock> runLock;
+    try {
+        runLock = FileLock::TryTake(location.runLockPath, true);
+    } catch (const std::exception& error) {
+        return Refuse(std::string("cannot take the run lock: ") + error.what());
+    }
+    if (!runLock) {
+        // Two runners on one schedule would both carry out every recording.
+        return Refuse("another run is active on " + location.settingsPath.toStdString() + " (pid " +
+                      std::to_string(FileLock::HolderPid(location.runLockPath)) + ")");
     }
     try {
-        RunSession session(settingsPath, options);
+        std::unique_ptr<RunSession> session;
+        {
+            // Edits that began before this run finish first; later ones come over the socket.
+            FileLock editLock = FileLock::Take(location.editLockPath, EDIT_LOCK_PATIENCE);
+            session = std::make_unique<RunSession>(location, options);
+        }
         return QCoreApplication::exec();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "vexlor-schedule: %s\n", error.what());
-        return 1;
+        return Refuse(error.what());
     }
 }
 

@@ -1,13 +1,13 @@
 #pragma once
 
-#include <QString>
-
 #include "CommandLine.h"
+#include "ScheduleLocation.h"
 
 namespace Vexlor::ScheduleTool {
 
-// `run`: wires the scheduler, its settings, the notice and the platform services, runs the
-// event loop and returns the exit code. Needs a QCoreApplication.
-int RunScheduler(const QString& settingsPath, const RunOptions& options);
+// `run`: becomes the one writer of the schedule at `location` (no other run may be active),
+// wires the scheduler, its settings, the notice and the platform services, takes edits from
+// other processes, runs the event loop and returns the exit code. Needs a QCoreApplication.
+int RunScheduler(const ScheduleLocation& location, const RunOptions& options);
 
 }  // namespace Vexlor::ScheduleTool

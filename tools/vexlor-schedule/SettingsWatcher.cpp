@@ -1,6 +1,7 @@
 #include "SettingsWatcher.h"
 
 #include <QFileInfo>
+#include <QStringList>
 
 namespace Vexlor::ScheduleTool {
 
@@ -15,13 +16,32 @@ SettingsWatcher::SettingsWatcher(const QString& path, std::function<void()> onCh
     };
     QObject::connect(&watcher, &QFileSystemWatcher::fileChanged, changed);
     QObject::connect(&watcher, &QFileSystemWatcher::directoryChanged, changed);
-    watcher.addPath(QFileInfo(this->path).absolutePath());
     Renew();
 }
 
 void SettingsWatcher::Renew() {
-    if (!watcher.files().contains(path) && QFileInfo::exists(path)) {
-        watcher.addPath(path);
+    QStringList wanted;
+    if (QFileInfo::exists(path)) {
+        wanted << path;
+    }
+    QFileInfo folder(QFileInfo(path).absolutePath());
+    while (!folder.exists() && !folder.isRoot()) {
+        folder.setFile(folder.absolutePath());
+    }
+    wanted << folder.absoluteFilePath();
+    QStringList stale;
+    for (const QString& watched : watcher.files() + watcher.directories()) {
+        if (!wanted.contains(watched)) {
+            stale << watched;
+        }
+    }
+    if (!stale.isEmpty()) {
+        watcher.removePaths(stale);
+    }
+    for (const QString& entry : wanted) {
+        if (!watcher.files().contains(entry) && !watcher.directories().contains(entry)) {
+            watcher.addPath(entry);
+        }
     }
 }
 

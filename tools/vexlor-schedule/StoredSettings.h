@@ -1,5 +1,7 @@
 #pragma once
 
+#include <stdexcept>
+
 #include <QString>
 
 #include "interfaces/RecordTime.h"
@@ -11,8 +13,18 @@ struct StoredSettings {
     bool enabled = false;
 };
 
+// The stored schedule is there but is not a schedule (a hand edit gone wrong).
+class UnreadableSchedule : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 // Reads the schedule and the flag afresh from the settings file, through the library's
-// settings object on a settings manager of its own.
+// settings object. Throws UnreadableSchedule for a stored value that does not decode, and
+// std::runtime_error when the file cannot be read.
 StoredSettings ReadStoredSettings(const QString& path);
+
+// Writes what differs from the file.
+void WriteStoredSettings(const QString& path, const StoredSettings& settings);
 
 }  // namespace Vexlor::ScheduleTool

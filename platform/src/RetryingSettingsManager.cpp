@@ -1,0 +1,154 @@
+#include "platform/RetryingSettingsManager.h"
+
+#include <exception>
+#include <utility>
+
+#include <QTimer>
+
+namespace Vexlor::App {
+
+namespace {
+
+RetryingSettingsManager::Entry ReadEntry(const ISettingsManager& manager, const std::string& key,
+                                         bool isBool) {
+    RetryingSettingsManager::Entry entry;
+    entry.isBool = isBool;
+    if (!manager.contains(key)) {
+        return entry;
+    }
+    if (isBool) {
+        entry.value = manager.getBool(key, false);
+    } else {
+        entry.value = manager.getByteArray(key, {});
+    }
+    return entry;
+}
+
+}  // namespace
+
+RetryingSettingsManager::RetryingSettingsManager(std::shared_ptr<ISettingsManager> inner,
+                                                 std::chrono::milliseconds retryInterval,
+                                                 StorageCallback onStorage)
+    : inner(std::move(inner)), onStorage(std::move(onStorage)), retry(std::make_unique<QTimer>()) {
+    retry->setSingleShot(true);
+    retry->setInterval(static_cast<int>(retryInterval.count()));
+    QObject::connect(retry.get(), &QTimer::timeout, [this] { Flush(); });
+}
+
+RetryingSettingsManager::~RetryingSettingsManager() = default;
+
+const RetryingSettingsManager::Entry& RetryingSettingsManager::Load(const std::string& key,
+                                                                    bool isBool) const {
+    auto found = held.find(key);
+    if (found == held.end()) {
+        found = held.emplace(key, ReadEntry(*inner, key, isBool)).first;
+    }
+    return found->second;
+}
+
+void RetryingSettingsManager::setBool(const std::string& key, bool value) {
+    Store(key, Entry{true, value});
+}
+
+void RetryingSettingsManager::setByteArray(const std::string& key,
+                                           const std::vector<unsigned char>& value) {
+    Store(key, Entry{false, value});
+}
+
+bool RetryingSettingsManager::getBool(const std::string& key, bool defaultValue) const {
+    const Entry& entry = Load(key, true);
+    if (!entry.value) {
+        return defaultValue;
+    }
+    if (const bool* flag = std::get_if<bool>(&*entry.value)) {
+        return *flag;
+    }
+    return !std::get<std::vector<unsigned char>>(*entry.value).empty();
+}
+
+std::vector<unsigned char> RetryingSettingsManager::getByteArray(
+    const std::string& key, const std::vector<unsigned char>& defaultValue) const {
+    const Entry& entry = Load(key, false);
+    if (!entry.value) {
+        return defaultValue;
+    }
+    if (const auto* bytes = std::get_if<std::vector<unsigned char>>(&*entry.value)) {
+        return *bytes;
+    }
+    return std::vector<unsigned char>{static_cast<unsigned char>(std::get<bool>(*entry.value))};
+}
+
+bool RetryingSettingsManager::contains(const std::string& key) const {
+    const auto found = held.find(key);
+    if (found != held.end()) {
+        return found->second.value.has_value();
+    }
+    return inner->contains(key);
+}
+
+void RetryingSettingsManager::remove(const std::string& key) {
+    const auto found = held.find(key);
+    Store(key, Entry{found != held.end() && found->second.isBool, std::nullopt});
+}
+
+void RetryingSettingsManager::Store(const std::string& key, Entry entry) {
+    held[key] = std::move(entry);
+    dirty.insert(key);
+    Flush();
+}
+
+bool RetryingSettingsManager::Flush() {
+    while (!dirty.empty()) {
+        const std::string key = *dirty.begin();
+        const Entry& entry = held.at(key);
+        try {
+            if (!entry.value) {
+                inner->remove(key);
+            } else if (const bool* flag = std::get_if<bool>(&*entry.value)) {
+                inner->setBool(key, *flag);
+            } else {
+                inner->setByteArray(key, std::get<std::vector<unsigned char>>(*entry.value));
+            }
+        } catch (const std::exception& error) {
+            Report(std::string(error.what()));
+            retry->start();
+            return false;
+        }
+        dirty.erase(key);
+    }
+    retry->stop();
+    Report(std::nullopt);
+    return true;
+}
+
+bool RetryingSettingsManager::Rewrite() {
+    for (const auto& [key, entry] : held) {
+        dirty.insert(key);
+    }
+    return Flush();
+}
+
+bool RetryingSettingsManager::Reload() {
+    Snapshot fresh;
+    for (const auto& [key, entry] : held) {
+        fresh.emplace(key, ReadEntry(*inner, key, entry.isBool));
+    }
+    if (fresh == held) {
+        return false;
+    }
+    held = std::move(fresh);
+    dirty.clear();
+    return true;
+}
+
+void RetryingSettingsManager::Report(const std::optional<std::string>& now) {
+    if (now == failure) {
+        return;
+    }
+    failure = now;
+    if (onStorage) {
+        onStorage(failure);
+    }
+}
+
+}  // namespace Vexlor::App

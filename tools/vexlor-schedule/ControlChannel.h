@@ -1,0 +1,49 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include <QByteArray>
+#include <QString>
+
+class QLocalServer;
+class QLocalSocket;
+
+namespace Vexlor::ScheduleTool {
+
+// The local socket on which the active `run` takes edits from other processes: one request
+// per connection, one line of bytes each way. Only the user's own processes may connect.
+class ControlServer {
+public:
+    using Handler = std::function<QByteArray(const QByteArray& request)>;
+
+    // Clears a socket left behind by a killed run (the caller holds the run lock, so no other
+    // run listens there) and listens. Throws std::runtime_error when it cannot.
+    ControlServer(const QString& socketPath, Handler handler);
+    ~ControlServer();
+
+    ControlServer(const ControlServer&) = delete;
+    ControlServer& operator=(const ControlServer&) = delete;
+
+private:
+    void Serve(QLocalSocket* socket);
+
+    Handler handler;
+    std::unique_ptr<QLocalServer> server;
+};
+
+struct ControlAnswer {
+    enum Kind { NoServer, Answered, Lost } kind = NoServer;
+    QByteArray answer;  // Answered
+};
+
+// Connects to the run listening at `socketPath`, if any, and hands it `request`.
+// NoServer: nobody listens. Lost: the run went away (or did not answer within `patience`)
+// before it answered; whether it took the edit is unknown only in the second case.
+struct ControlClient {
+    static bool Connect(QLocalSocket& socket, const QString& socketPath);
+    static ControlAnswer Exchange(QLocalSocket& socket, const QByteArray& request, int patienceMs);
+};
+
+}  // namespace Vexlor::ScheduleTool

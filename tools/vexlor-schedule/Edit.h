@@ -1,0 +1,61 @@
+#pragma once
+
+#include <optional>
+
+#include <QByteArray>
+#include <QString>
+
+#include "CommandLine.h"
+#include "interfaces/RecordTime.h"
+
+namespace Vexlor::ScheduleTool {
+
+// What an editing or reading command asks of a schedule, with times already resolved, so
+// that the process that carries it out (this one, or the active `run`) needs nothing else.
+struct EditRequest {
+    CommandName command = CommandName::List;
+    QK::RecordTime record;  // add
+    bool allowOverlap = false;
+    bool enable = false;  // add --enable
+    QString title;        // remove
+};
+
+EditRequest MakeEditRequest(const Invocation& invocation, Time::TimePoint now);
+
+QByteArray EncodeRequest(const EditRequest& request);
+// Nothing for bytes that are not a request.
+std::optional<EditRequest> DecodeRequest(const QByteArray& bytes);
+
+struct ScheduleState {
+    QK::RecordTimeList schedule;
+    bool enabled = false;
+};
+
+struct EditContext {
+    Time::TimePoint now;
+    std::optional<QK::RecordTime> recording;  // the capture running now, if any
+};
+
+struct EditOutcome {
+    int exitCode = 0;
+    QString out;  // whole lines
+    QString err;
+    std::optional<ScheduleState> changed;  // set when the state is to be stored
+};
+
+QByteArray EncodeOutcome(const EditOutcome& outcome);
+std::optional<EditOutcome> DecodeOutcome(const QByteArray& bytes);
+
+// The one implementation of every editing and reading command, on a state held in memory.
+// A refusal leaves `changed` empty.
+EditOutcome ApplyEdit(const ScheduleState& state, const EditRequest& request,
+                      const EditContext& context);
+
+// The scheduler takes only records that start now or later. A record that has begun and
+// not ended (or has no planned end) would be dropped unrun, so it is moved to start at
+// `now + margin`, keeping its planned end. Records caught up together keep their order one
+// microsecond apart, since the scheduler keeps one record per start time.
+QK::RecordTimeList CatchUp(QK::RecordTimeList schedule, Time::TimePoint now,
+                           Time::Microseconds margin);
+
+}  // namespace Vexlor::ScheduleTool
