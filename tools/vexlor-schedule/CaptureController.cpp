@@ -9,6 +9,8 @@
 #include <QProcessEnvironment>
 
 #include "RecordText.h"
+#include "core/Saturating.h"
+#include "interfaces/Clock.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -81,7 +83,10 @@ void CaptureController::Begin(const QK::RecordTime& record) {
     printer.RecordingStarted(record);
     const long long durationMs = record.duration.count() / 1000;
     if (record.duration.count() != 0) {
-        captureEnd.setRemainingTime(durationMs, Qt::PreciseTimer);
+        // The planned end, also for a capture begun ahead of its start (--lead).
+        const Time::Microseconds untilEnd = Core::SaturatingDiff(
+            Core::SaturatingAdd(record.startTime, record.duration), Time::SystemClock().Now());
+        captureEnd.setRemainingTime(untilEnd.count() / 1000, Qt::PreciseTimer);
         if (!ArmDurationLeg()) {
             // A start so late that nothing of the planned duration is left.
             Finish(QStringLiteral("its planned end had passed, nothing run"));

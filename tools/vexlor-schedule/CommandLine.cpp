@@ -100,6 +100,10 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
             add.allowOverlap = true;
             continue;
         }
+        if (name == QLatin1String("--enable") && !inlineValue) {
+            add.enable = true;
+            continue;
+        }
         const bool known = name == QLatin1String("--at") || name == QLatin1String("--in") ||
                            name == QLatin1String("--for") || name == QLatin1String("--tag") ||
                            name == QLatin1String("--mode");

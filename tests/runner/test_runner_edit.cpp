@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "Commands.h"
+#include "Edit.h"
+
+// The edits themselves, on states held in memory: the same code serves a lone edit on the
+// file and the active run.
+namespace Vexlor::ScheduleTool {
+namespace {
+
+using Time::Microseconds;
+using Time::TimePoint;
+constexpr long long SECOND = 1000000;
+const TimePoint NOW = Time::SystemClock().Now();
+
+QK::RecordTime Record(const char* title, long long startFromNowS, long long durationS) {
+    QK::RecordTime record;
+    record.title = QString::fromUtf8(title);
+    record.startTime = NOW + Microseconds(startFromNowS * SECOND);
+    record.duration = Microseconds(durationS * SECOND);
+    return record;
+}
+
+EditRequest AddOf(const QK::RecordTime& record, bool allowOverlap = false, bool enable = false) {
+    EditRequest request;
+    request.command = CommandName::Add;
+    request.record = record;
+    request.allowOverlap = allowOverlap;
+    request.enable = enable;
+    return request;
+}
+
+struct AddRow {
+    const char* name;
+    EditRequest request;
+    bool recording;  // "Live" is being captured, 0 to 600 s from now
+    int exitCode;
+    const char* said;  // in out (accepted) or err (refused)
+};
+
+void PrintTo(const AddRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class AddTest : public testing::TestWithParam<AddRow> {};
+
+// The schedule holds "Planned", one hour ahead for 30 min; scheduling is off.
+TEST_P(AddTest, RefusesWhatCouldNotRunAndSaysWhatItDid) {
+    const ScheduleState state{{Record("Planned", 3600, 1800)}, false};
+    EditContext context{NOW, std::nullopt};
+    if (GetParam().recording) {
+        context.recording = Record("Live", 0, 600);
+    }
+    const EditOutcome outcome = ApplyEdit(state, GetParam().request, context);
+    EXPECT_EQ(outcome.exitCode, GetParam().exitCode) << outcome.err.toStdString();
+    const QString& text = outcome.exitCode == EXIT_DONE ? outcome.out : outcome.err;
+    EXPECT_TRUE(text.contains(QString::fromUtf8(GetParam().said))) << text.toStdString();
+    EXPECT_EQ(outcome.changed.has_value(), outcome.exitCode == EXIT_DONE);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, AddTest,
+    testing::Values(
+        AddRow{"TakenTitle", AddOf(Record("Planned", 9000, 60)), false, 1, "taken by \"Planned\""},
+        AddRow{"TitleOfTheRunningCapture", AddOf(Record("Live", 9000, 60)), true, 1,
+               "being recorded now"},
+        // The scheduler keeps one record per start time: the second would vanish unrun.
+        AddRow{"SameStartEvenWithAllowOverlap", AddOf(Record("Twin", 3600, 60), true), false, 1,
+               "same moment"},
+        AddRow{"OverlapsThePlanned", AddOf(Record("New", 4000, 60)), false, 1, "overlaps"},
+        AddRow{"OverlapsTheRunningCapture", AddOf(Record("New", 300, 60)), true, 1,
+               "being recorded now"},
+        AddRow{"Over", AddOf(Record("Past", -600, 60)), false, 1, "already over"},
+        AddRow{"BegunIsAccepted", AddOf(Record("Begun", -300, 3600), true), false, 0,
+               "it has begun"},
+        AddRow{"OffIsSaid", AddOf(Record("New", 9000, 60)), false, 0, "scheduling is off"}),
+    [](const testing::TestParamInfo<AddRow>& info) { return std::string(info.param.name); });
+
+TEST(EditTest, AddWithEnableSwitchesOnAndSaysNothingOfIt) {
+    const EditOutcome outcome =
+        ApplyEdit({{}, false}, AddOf(Record("New", 60, 60), false, true), {NOW, std::nullopt});
+    ASSERT_TRUE(outcome.changed);
+    EXPECT_TRUE(outcome.changed->enabled);
+    EXPECT_FALSE(outcome.out.contains("scheduling is off")) << outcome.out.toStdString();
+}
+
+TEST(EditTest, RemoveTakesOnlyThatTitleAndRefusesAnUnknownOne) {
+    const ScheduleState state{{Record("A", 60, 10), Record("B", 120, 10), Record("C", 180, 10)},
+                              true};
+    EditRequest remove;
+    remove.command = CommandName::Remove;
+    remove.title = QStringLiteral("B");
+    const EditOutcome removed = ApplyEdit(state, remove, {NOW, std::nullopt});
+    ASSERT_TRUE(removed.changed);
+    EXPECT_EQ(removed.changed->schedule,
+              (QK::RecordTimeList{Record("A", 60, 10), Record("C", 180, 10)}));
+    EXPECT_TRUE(removed.changed->enabled);
+
+    remove.title = QStringLiteral("b");
+    const EditOutcome refused = ApplyEdit(state, remove, {NOW, std::nullopt});
+    EXPECT_EQ(refused.exitCode, EXIT_REFUSED);
+    EXPECT_FALSE(refused.changed);
+}
+
+TEST(EditTest, RequestsAndAnswersCrossTheSocketUnchanged) {
+    QK::RecordTime extreme = Record("\"quoted\"\n$(x) \u00e9", 0, 0);
+    extreme.startTime = TimePoint(Microseconds(std::numeric_limits<long long>::max()));
+    extreme.duration = Microseconds(std::numeric_limits<long long>::min());
+    extreme.tag = -7;
+    extreme.mode = QK::RecordMode::Mode2;
+    const EditRequest sent = AddOf(extreme, true, true);
+    const auto received = DecodeRequest(EncodeRequest(sent));
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->record, sent.record);
+    EXPECT_TRUE(received->allowOverlap);
+    EXPECT_TRUE(received->enable);
+
+    for (const char* garbage : {"", "{}", "[1]", "{\"command\":99}", "not json"}) {
+        EXPECT_FALSE(DecodeRequest(garbage)) << garbage;
+        EXPECT_FALSE(DecodeOutcome(garbage)) << garbage;
+    }
+}
+
+TEST(CatchUpTest, StartsWhatIsUnderWayKeepingItsEndAndLeavesTheRest) {
+    const Microseconds margin(20000);
+    const TimePoint start = NOW + margin;
+    const QK::RecordTimeList caught =
+        CatchUp({Record("Future", 60, 10), Record("Open", -30, 0), Record("Begun", -300, 3600),
+                 Record("Over", -400, 60)},
+                NOW, margin);
+    ASSERT_EQ(caught.size(), 4u);
+    // In their start order; the scheduler keeps one record per start time, so one apart.
+    EXPECT_EQ(caught[0], Record("Over", -400, 60));
+    EXPECT_EQ(caught[1].title, "Begun");
+    EXPECT_EQ(caught[1].startTime, start);
+    EXPECT_EQ(caught[1].startTime + caught[1].duration, NOW + Microseconds(3300 * SECOND));
+    EXPECT_EQ(caught[2].title, "Open");
+    EXPECT_EQ(caught[2].startTime, start + Microseconds(1));
+    EXPECT_EQ(caught[2].duration.count(), 0);
+    EXPECT_EQ(caught[3], Record("Future", 60, 10));
+}
+
+}  // namespace
+}  // namespace Vexlor::ScheduleTool
