@@ -138,8 +138,20 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
     watcher = std::make_unique<SettingsWatcher>(path, [this] { OnFileChanged(); });
     signalRelay = std::make_unique<SignalRelay>([this](int) { Shutdown(); });
     // Last: from here on other processes hand their edits to this one.
-    control = std::make_unique<ControlServer>(
-        location.socketPath, [this](const QByteArray& request) { return HandleRequest(request); });
+    control = std::make_unique<ControlServer>(location.socketPath, [this](
+                                                                       const QByteArray& request) {
+        try {
+            return HandleRequest(request);
+        } catch (const std::exception& error) {
+            // The edit failed, the run goes on.
+            return EncodeOutcome({EXIT_REFUSED,
+                                  {},
+                                  QStringLiteral("the running scheduler failed to carry out the "
+                                                 "edit: %1\n")
+                                      .arg(QString::fromLocal8Bit(error.what())),
+                                  std::nullopt});
+        }
+    });
 
     printer.SchedulerStarted(scheduler->IsEnabled(), scheduler->GetSchedule().size());
     CheckIdle();
