@@ -209,6 +209,26 @@ TEST_F(OneWriterTest, ARemovedSettingsFolderIsWrittenBackAndStillWatched) {
     Stop(*run);
 }
 
+TEST_F(OneWriterTest, LocksThatCannotBeMadeAreRefusedWithTheSystemsReason) {
+    const QString runtime = FilePath("runtime");
+    ASSERT_TRUE(QDir().mkdir(runtime));
+    if (::mount("tmpfs", QFile::encodeName(runtime).constData(), "tmpfs", MS_RDONLY, "size=16k") !=
+        0) {
+        GTEST_SKIP() << "cannot mount a read-only tmpfs here (" << std::strerror(errno) << ")";
+    }
+    const bool had = qEnvironmentVariableIsSet("XDG_RUNTIME_DIR");
+    const QByteArray previous = qgetenv("XDG_RUNTIME_DIR");
+    qputenv("XDG_RUNTIME_DIR", runtime.toUtf8());  // inherited by the program
+    const Outcome run = Run({"run"});
+    const Outcome add = Run({"add", "New", "--in", "1h"});
+    had ? qputenv("XDG_RUNTIME_DIR", previous) : qunsetenv("XDG_RUNTIME_DIR");
+    ::umount2(QFile::encodeName(runtime).constData(), MNT_DETACH);
+    for (const Outcome& refused : {run, add}) {
+        EXPECT_EQ(refused.exitCode, 1);
+        EXPECT_TRUE(refused.err.contains("Read-only file system")) << refused.err.toStdString();
+    }
+}
+
 // Storage that fails under a running scheduler: it keeps recording from what it holds,
 // says what failed once, and writes everything when storage is back.
 struct StorageFault {
