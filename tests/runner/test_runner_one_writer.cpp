@@ -161,7 +161,8 @@ TEST_F(OneWriterTest, ARecordUnderWayIsStartedAtOnceNeverAcceptedAndSkipped) {
 }
 
 TEST_F(OneWriterTest, LeadStartsTheCaptureEarlyAndItRunsToThePlannedEnd) {
-    Add({"Ahead", "--in", "4s", "--for", "2s", "--enable"});
+    Add({"Ahead", "--in", "4s", "--for", "2s"});
+    ASSERT_EQ(Run({"enable"}).exitCode, 0);
     const QDateTime plannedEnd = QDateTime::currentDateTime().addSecs(6);
     auto run = StartRun({"--lead", "2s", "--exec",
                          "trap 'date +%s%3N > ended.txt; exit 0' TERM; date +%s%3N > began.txt; "
@@ -196,7 +197,8 @@ void HandEdit(const QString& path, bool enabled) {
 
 TEST_F(OneWriterTest, ARemovedSettingsFolderIsWrittenBackAndStillWatched) {
     const QString settings = FilePath("store/settings.ini");
-    ASSERT_EQ(Run({"--settings", settings, "add", "Later", "--in", "1h", "--enable"}).exitCode, 0);
+    ASSERT_EQ(Run({"--settings", settings, "add", "Later", "--in", "1h"}).exitCode, 0);
+    ASSERT_EQ(Run({"--settings", settings, "enable"}).exitCode, 0);
     auto run = Start({"--settings", settings, "run"});
     ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000)) << seen.toStdString();
 
@@ -291,9 +293,8 @@ TEST_P(StorageFaultTest, RunKeepsRecordingSaysWhyOnceAndCatchesUp) {
         mounted = true;
     }
     const QStringList settings{"--settings", Settings()};
-    ASSERT_EQ(
-        Run(settings + QStringList{"add", "Due", "--in", "4s", "--for", "1s", "--enable"}).exitCode,
-        0);
+    ASSERT_EQ(Run(settings + QStringList{"add", "Due", "--in", "4s", "--for", "1s"}).exitCode, 0);
+    ASSERT_EQ(Run(settings + QStringList{"enable"}).exitCode, 0);
     auto run = Start(settings + QStringList{"run", "--exec", "true"});
     ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000)) << seen.toStdString();
 
