@@ -6,86 +6,16 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QThread>
+
+#include "RunnerHarness.h"
 
 // Each test runs the built program on a settings file of its own in a temporary folder.
 namespace {
 
-struct Outcome {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-class RunnerTest : public testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(folder.isValid()); }
-
-    QString SettingsFile() const { return folder.filePath(QStringLiteral("settings.ini")); }
-    QString FilePath(const QString& name) const { return folder.filePath(name); }
-
-    // The settings file is named with --settings, or else through the environment.
-    std::unique_ptr<QProcess> Start(const QStringList& arguments) {
-        auto process = std::make_unique<QProcess>();
-        process->setWorkingDirectory(folder.path());
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"));
-        // Buses that refuse at once: no notices or sleep locks on the machine running the tests.
-        for (const char* bus : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) {
-            environment.insert(bus, QStringLiteral("unix:path=") + FilePath("no-bus"));
-        }
-        QStringList fullArguments = arguments;
-        if (settingsFromEnvironment) {
-            environment.insert(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"), SettingsFile());
-        } else {
-            fullArguments = QStringList{QStringLiteral("--settings"), SettingsFile()} + arguments;
-        }
-        process->setProcessEnvironment(environment);
-        process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM), fullArguments);
-        EXPECT_TRUE(process->waitForStarted(5000));
-        return process;
-    }
-
-    Outcome Finish(QProcess& process, int timeoutMs = 20000) {
-        EXPECT_TRUE(process.waitForFinished(timeoutMs)) << "still running after " << timeoutMs;
-        EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
-        return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-                QString::fromUtf8(process.readAllStandardError())};
-    }
-
-    Outcome Run(const QStringList& arguments, int timeoutMs = 20000) {
-        auto process = Start(arguments);
-        return Finish(*process, timeoutMs);
-    }
-
-    // Reads standard output of a running program until `needle` shows up.
-    bool WaitForOutput(QProcess& process, QString& seen, const QString& needle, int timeoutMs) {
-        QElapsedTimer clock;
-        clock.start();
-        while (!seen.contains(needle)) {
-            if (clock.elapsed() > timeoutMs) {
-                return false;
-            }
-            process.waitForReadyRead(100);
-            seen += QString::fromUtf8(process.readAllStandardOutput());
-        }
-        return true;
-    }
-
-    QByteArray ReadFile(const QString& name) const {
-        QFile file(FilePath(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
-    void Add(const QStringList& arguments) {
-        const Outcome added = Run(QStringList{QStringLiteral("add")} + arguments);
-        ASSERT_EQ(added.exitCode, 0) << added.err.toStdString();
-    }
-
-    QTemporaryDir folder;
-    bool settingsFromEnvironment = false;
-};
+using Vexlor::Testing::Outcome;
+using Vexlor::Testing::ProcessEnded;
+using Vexlor::Testing::RunnerTest;
 
 // The environment of each capture command, one line per capture.
 const QString WRITE_ENVIRONMENT = QStringLiteral(
@@ -268,17 +198,6 @@ TEST_F(RunnerTest, SecondRunOnTheSameScheduleIsRefused) {
 
     ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
     EXPECT_EQ(Finish(*run).exitCode, 0);
-}
-
-bool ProcessEnded(long long pid) {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly)) {
-        return true;
-    }
-    // A zombie has ended too; whether it is reaped depends on the machine's init.
-    const QByteArray text = stat.readAll();
-    const int afterName = text.lastIndexOf(')');
-    return afterName >= 0 && text.mid(afterName + 2, 1) == "Z";
 }
 
 TEST_F(RunnerTest, SigtermDuringCaptureEndsTheCommandAndExitsZero) {
