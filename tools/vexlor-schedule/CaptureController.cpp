@@ -1,8 +1,5 @@
 #include "CaptureController.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <climits>
 
@@ -13,13 +10,6 @@
 #include "interfaces/Clock.h"
 
 namespace Vexlor::ScheduleTool {
-
-// The command runs in a process group of its own, so that ending it also ends whatever
-// the shell started (the shell may not pass SIGTERM on to its children).
-class CaptureController::Process : public QProcess {
-protected:
-    void setupChildProcess() override { ::setpgid(0, 0); }
-};
 
 CaptureController::CaptureController(QK::IScheduler& scheduler, EventPrinter& printer,
                                      std::optional<QString> command, std::function<void()> onIdle)
@@ -35,18 +25,10 @@ CaptureController::CaptureController(QK::IScheduler& scheduler, EventPrinter& pr
             EndByDuration();
         }
     });
-    killTimer.setSingleShot(true);
-    killTimer.setInterval(KILL_DELAY_MS);
-    QObject::connect(&killTimer, &QTimer::timeout, [this] { Signal(SIGKILL); });
 }
 
-CaptureController::~CaptureController() {
-    if (process && process->state() != QProcess::NotRunning) {
-        QObject::disconnect(process.get(), nullptr, nullptr, nullptr);
-        Signal(SIGKILL);
-        process->waitForFinished(1000);
-    }
-}
+// The process, if any, kills what is left of the command.
+CaptureController::~CaptureController() = default;
 
 void CaptureController::OnRecordRequest(ExternalStimulus::Stimulus stimulus) {
     if (pendingRequests > 0) {
@@ -79,7 +61,6 @@ void CaptureController::OnScheduledCaptureStarted(const QK::RecordTime& record) 
 
 void CaptureController::Begin(const QK::RecordTime& record) {
     currentTitle = record.title;
-    endRequest.clear();
     printer.RecordingStarted(record);
     const long long durationMs = record.duration.count() / 1000;
     if (record.duration.count() != 0) {
@@ -97,7 +78,7 @@ void CaptureController::Begin(const QK::RecordTime& record) {
         return;  // simulated: only the duration ends it
     }
 
-    process = std::make_unique<Process>();
+    process = std::make_unique<CaptureProcess>([this](const QString& how) { Finish(how); });
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("VEXLOR_TITLE"), record.title);
     environment.insert(QStringLiteral("VEXLOR_START"), FormatIsoTime(record.startTime));
@@ -105,32 +86,7 @@ void CaptureController::Begin(const QK::RecordTime& record) {
     environment.insert(QStringLiteral("VEXLOR_TAG"), QString::number(record.tag));
     environment.insert(QStringLiteral("VEXLOR_MODE"),
                        QString::number(static_cast<int>(record.mode)));
-    process->setProcessEnvironment(environment);
-    process->setProcessChannelMode(QProcess::ForwardedChannels);
-    // Its own process group has no terminal to read from.
-    process->setStandardInputFile(QProcess::nullDevice());
-
-    QObject::connect(process.get(), &QProcess::started, [this] {
-        // Also set from this side, so that a signal sent right away reaches the group.
-        ::setpgid(static_cast<pid_t>(process->processId()),
-                  static_cast<pid_t>(process->processId()));
-    });
-    QObject::connect(
-        process.get(), qOverload<int, QProcess::ExitStatus>(&QProcess::finished),
-        [this](int exitCode, QProcess::ExitStatus status) {
-            if (status == QProcess::NormalExit) {
-                Finish(QStringLiteral("exit status %1").arg(exitCode));
-            } else {
-                Finish(endRequest.isEmpty() ? QStringLiteral("ended by a signal") : endRequest);
-            }
-        });
-    QObject::connect(process.get(), &QProcess::errorOccurred, [this](QProcess::ProcessError error) {
-        if (error == QProcess::FailedToStart) {
-            Finish(QStringLiteral("the command failed to start: %1").arg(process->errorString()));
-        }
-    });
-    // The title and the other values reach the command only through its environment.
-    process->start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), *command});
+    process->Start(*command, environment);
 }
 
 // A QTimer holds at most INT_MAX ms (about 24 days); longer captures take several legs.
@@ -144,26 +100,11 @@ bool CaptureController::ArmDurationLeg() {
 }
 
 void CaptureController::EndByDuration() {
-    if (!process || process->state() == QProcess::NotRunning) {
+    if (!process || !process->IsRunning()) {
         Finish(QStringLiteral("simulated, duration over"));
         return;
     }
-    endRequest = QStringLiteral("duration over, command stopped");
-    Signal(SIGTERM);
-    killTimer.start();
-}
-
-void CaptureController::Signal(int signal) {
-    if (!process || process->state() == QProcess::NotRunning) {
-        return;
-    }
-    const auto pid = static_cast<pid_t>(process->processId());
-    if (pid <= 0) {
-        return;  // not started yet; the kill timer tries again
-    }
-    if (::kill(-pid, signal) != 0) {
-        ::kill(pid, signal);
-    }
+    process->Terminate(CaptureProcess::StopReason::DurationOver);
 }
 
 void CaptureController::Stop(std::function<void()> done) {
@@ -172,17 +113,15 @@ void CaptureController::Stop(std::function<void()> done) {
         return;
     }
     afterStop = std::move(done);
-    if (!process || process->state() == QProcess::NotRunning) {
+    if (!process || !process->IsRunning()) {
         Finish(QStringLiteral("simulated, stopped"));
         return;
     }
-    if (killTimer.isActive()) {
-        Signal(SIGKILL);  // asked twice: no more waiting
+    if (process->IsTerminating()) {
+        process->Kill();  // asked twice: no more waiting
         return;
     }
-    endRequest = QStringLiteral("stopped on request");
-    Signal(SIGTERM);
-    killTimer.start();
+    process->Terminate(CaptureProcess::StopReason::Requested);
 }
 
 void CaptureController::Finish(const QString& how) {
@@ -190,7 +129,6 @@ void CaptureController::Finish(const QString& how) {
         return;
     }
     durationTimer.stop();
-    killTimer.stop();
     if (!how.isEmpty()) {
         printer.RecordingFinished(currentTitle, how);
     }

@@ -5,10 +5,10 @@
 #include <optional>
 
 #include <QDeadlineTimer>
-#include <QProcess>
 #include <QString>
 #include <QTimer>
 
+#include "CaptureProcess.h"
 #include "EventPrinter.h"
 #include "interfaces/Gateway.h"
 #include "interfaces/IScheduler.h"
@@ -23,7 +23,7 @@ namespace Vexlor::ScheduleTool {
 // the scheduler hears AfterCaptureStopped.
 class CaptureController : public QK::ISchedulerObserver {
 public:
-    static constexpr int KILL_DELAY_MS = 5000;
+    static constexpr int KILL_DELAY_MS = CaptureProcess::KILL_DELAY_MS;
 
     CaptureController(QK::IScheduler& scheduler, EventPrinter& printer,
                       std::optional<QString> command, std::function<void()> onIdle);
@@ -52,12 +52,9 @@ public:
     void Stop(std::function<void()> done);
 
 private:
-    class Process;
-
     void Begin(const QK::RecordTime& record);
     bool ArmDurationLeg();
     void EndByDuration();
-    void Signal(int signal);
     void Finish(const QString& how);
 
     QK::IScheduler& scheduler;
@@ -69,11 +66,9 @@ private:
     bool capturing = false;
     std::optional<QK::RecordTime> startedRecord;
     QString currentTitle;
-    QString endRequest;  // why this side signalled the command, if it did
     QTimer durationTimer;
     QDeadlineTimer captureEnd;
-    QTimer killTimer;
-    std::unique_ptr<Process> process;
+    std::unique_ptr<CaptureProcess> process;
     std::function<void()> afterStop;
 };
 

@@ -1,5 +1,7 @@
 #include "EventPrinter.h"
 
+#include <errno.h>
+
 #include <QDateTime>
 #include <QStringList>
 
@@ -9,11 +11,22 @@
 namespace Vexlor::ScheduleTool {
 
 void EventPrinter::Line(const QString& text) {
+    if (outputClosed) {
+        return;
+    }
     const QString line = QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss.zzz")) +
                          QLatin1Char(' ') + text + QLatin1Char('\n');
     const QByteArray bytes = line.toUtf8();
-    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), out);
-    std::fflush(out);
+    const auto size = static_cast<std::size_t>(bytes.size());
+    errno = 0;
+    const bool written = std::fwrite(bytes.constData(), 1, size, out) == size;
+    if ((written && std::fflush(out) == 0) || errno != EPIPE) {
+        return;  // other write errors are not worth stopping for
+    }
+    outputClosed = true;
+    if (onOutputClosed) {
+        onOutputClosed();
+    }
 }
 
 void EventPrinter::SchedulerStarted(bool enabled, std::size_t recordsAhead) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 
 #include <QString>
 
@@ -13,6 +14,10 @@ namespace Vexlor::ScheduleTool {
 class EventPrinter {
 public:
     explicit EventPrinter(std::FILE* out) : out(out) {}
+
+    // Called once, from inside the write that failed, when the reader has gone (EPIPE; needs
+    // SIGPIPE ignored); nothing is written after that.
+    void SetOnOutputClosed(std::function<void()> callback) { onOutputClosed = std::move(callback); }
 
     void Line(const QString& text);
 
@@ -28,6 +33,8 @@ public:
 
 private:
     std::FILE* out;
+    std::function<void()> onOutputClosed;
+    bool outputClosed = false;
 };
 
 }  // namespace Vexlor::ScheduleTool

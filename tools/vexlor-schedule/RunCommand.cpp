@@ -82,6 +82,14 @@ private:
 
 RunSession::RunSession(const ScheduleLocation& location, const RunOptions& options)
     : path(location.settingsPath), options(options) {
+    // First: SIGPIPE is to be ignored before anything is printed, and a reader that closes the
+    // output stops the run like a signal. Queued, since the failing write may come from
+    // inside the controller.
+    signalRelay = std::make_unique<SignalRelay>([this](int) { Shutdown(); });
+    printer.SetOnOutputClosed([this] {
+        QMetaObject::invokeMethod(
+            &context, [this] { Shutdown(); }, Qt::QueuedConnection);
+    });
     storage = std::make_shared<App::RetryingSettingsManager>(
         std::make_shared<App::IniSettingsManager>(path), STORAGE_RETRY,
         [this](const std::optional<std::string>& failure) { OnStorage(failure); });
@@ -136,7 +144,6 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
         std::make_shared<App::FixedLookAndFeelManager>(QLocale::system().name().toStdString()));
 
     watcher = std::make_unique<SettingsWatcher>(path, [this] { OnFileChanged(); });
-    signalRelay = std::make_unique<SignalRelay>([this](int) { Shutdown(); });
     // Last: from here on other processes hand their edits to this one.
     control = std::make_unique<ControlServer>(location.socketPath, [this](
                                                                        const QByteArray& request) {

@@ -7,9 +7,10 @@
 
 namespace Vexlor::ScheduleTool {
 
-// Turns SIGINT and SIGTERM into a call on the event loop: the handler only writes the
-// signal number into a socket pair, whose other end a QSocketNotifier reads. One instance
-// at a time; the previous handlers come back when it is destroyed.
+// Turns SIGINT, SIGTERM and SIGHUP into a call on the event loop: the handler only writes
+// the signal number into a socket pair, whose other end a QSocketNotifier reads. SIGPIPE is
+// ignored meanwhile, so that a closed output shows up as EPIPE. One instance at a time; the
+// previous handlers come back when it is destroyed.
 class SignalRelay {
 public:
     explicit SignalRelay(std::function<void(int signal)> onSignal);
