@@ -6,6 +6,7 @@
 #include "platform/ConsolePresenter.h"
 #include "platform/StatePowerManager.h"
 #ifdef VEXLOR_SCHEDULE_WITH_DBUS
+#include "platform/BusProbe.h"
 #include "platform/DBusNotificationPresenter.h"
 #include "platform/LogindPowerManager.h"
 #endif
@@ -96,6 +97,14 @@ std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallba
 
 DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
     NoticeChoice choice, std::function<void(const QString&)> report) {
+#ifdef VEXLOR_SCHEDULE_WITH_DBUS
+    if (choice == NoticeChoice::Desktop) {
+        // Checked in the background from now on, beside the system bus that MakePowerManager
+        // checks, so that two buses that do not answer cost one bound and not two.
+        Platform::Bus::Probe::Start(Platform::Bus::Kind::Session,
+                                    DesktopNotification::DBusNotificationPresenter::DefaultTimeout);
+    }
+#endif
     if (choice == NoticeChoice::None) {
         return [](int, int, const QString&) -> std::shared_ptr<IPresenter> {
             return std::make_shared<SilentPresenter>();

@@ -28,7 +28,9 @@ using SleepCallback = std::function<void(bool sleepPrevented, bool systemLock)>;
 // With `keepAwake`, a logind sleep lock when logind answers on the system bus.
 std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallback onChange);
 
-// `report` receives one line for each notice shown or withdrawn.
+// `report` receives one line for each notice shown or withdrawn. With Desktop this starts
+// checking the session bus in the background at once; called before MakePowerManager, the two
+// buses are checked side by side. The creator waits for what is left of that check.
 DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
     NoticeChoice choice, std::function<void(const QString&)> report);
 
