@@ -142,6 +142,50 @@ TEST_F(DesktopRunnerTest, BusesThatNeverAnswerCostTwoSecondsOnceAndTheRecordingR
     EXPECT_EQ(warnings.count(NO_LOGIND), 1) << warnings.toStdString();
     EXPECT_EQ(warnings.count(NO_NOTICES), 1) << warnings.toStdString();
     EXPECT_EQ(warnings.count('\n'), 2) << warnings.toStdString();
+    EXPECT_FALSE(seen.contains("sleep prevented")) << seen.toStdString();
 }
+
+struct NoLockRow {
+    const char* name;
+    bool logind;
+    QStringList options;
+    int warnings;
+};
+
+void PrintTo(const NoLockRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class DesktopRunnerWithoutLock : public DesktopRunnerTest,
+                                 public testing::WithParamInterface<NoLockRow> {};
+
+// Without a lock nothing keeps the machine awake, and no line says otherwise.
+TEST_P(DesktopRunnerWithoutLock, NoLineSaysThatSleepIsPreventedOrAllowed) {
+    ASSERT_TRUE(services.PublishNotifications());
+    if (GetParam().logind) {
+        ASSERT_TRUE(services.PublishLogin());
+    }
+    ASSERT_EQ(Run({"add", "Later", "--in", "4h"}), 0);
+    ASSERT_EQ(Run({"enable"}), 0);
+    auto run = Start(QStringList{"run"} + GetParam().options);
+    ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000))
+        << seen.toStdString();
+    ASSERT_EQ(Run({"disable"}), 0);
+    ASSERT_TRUE(WaitForOutput(*run, "settings changed: scheduling off", 3000))
+        << seen.toStdString();
+    Stop(*run);
+
+    EXPECT_FALSE(seen.contains("sleep")) << seen.toStdString();
+    EXPECT_TRUE(services.login.Inhibitions().empty());
+    EXPECT_EQ(warnings.count(NO_LOGIND), GetParam().warnings) << warnings.toStdString();
+    EXPECT_EQ(warnings.count('\n'), GetParam().warnings) << warnings.toStdString();
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, DesktopRunnerWithoutLock,
+                         testing::Values(NoLockRow{"NoLogind", false, {}, 1},
+                                         NoLockRow{"NoKeepAwake", true, {"--no-keep-awake"}, 0}),
+                         [](const testing::TestParamInfo<NoLockRow>& info) {
+                             return std::string(info.param.name);
+                         });
 
 }  // namespace

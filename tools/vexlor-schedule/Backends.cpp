@@ -75,12 +75,15 @@ NoticeChoice DefaultNoticeChoice() {
     return NoticeChoice::Console;
 }
 
-std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallback onChange) {
+std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake,
+                                                     [[maybe_unused]] SleepCallback onChange) {
 #ifdef VEXLOR_SCHEDULE_WITH_DBUS
     if (keepAwake) {
         auto logind = App::LogindPowerManager::Create(
             QStringLiteral("vexlor-schedule"), QStringLiteral("A scheduled recording is planned"),
-            [onChange](bool sleepPrevented) { onChange(sleepPrevented, true); });
+            [onChange = std::move(onChange)](bool sleepPrevented) {
+                onChange(sleepPrevented, true);
+            });
         if (logind) {
             return logind;
         }
@@ -91,8 +94,9 @@ std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallba
         Warn("built without D-Bus; the machine may sleep");
     }
 #endif
-    return std::make_shared<App::StatePowerManager>(
-        [onChange = std::move(onChange)](bool sleepPrevented) { onChange(sleepPrevented, false); });
+    // Without a lock nothing keeps the machine awake, so nothing is reported: a "sleep
+    // prevented" line would claim the opposite of the warning (or of --no-keep-awake).
+    return std::make_shared<App::StatePowerManager>();
 }
 
 DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
