@@ -54,8 +54,9 @@ public:
     // started already. Returns at once; lets both buses be checked side by side.
     static void Start(Kind kind, std::chrono::milliseconds timeout = DefaultTimeout);
 
-    // The check's outcome, starting it if needed and waiting at most `timeout` for it. A check
-    // still under way then counts as Silent for this caller and goes on for the next one.
+    // The check's outcome, waiting at most `timeout` for it; a check not started yet starts
+    // here with `timeout` as its limit. A check still under way when the wait ends counts as
+    // Silent for this caller and goes on for the next one.
     static Result Of(Kind kind, std::chrono::milliseconds timeout = DefaultTimeout);
 };
 
