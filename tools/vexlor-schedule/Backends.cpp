@@ -6,6 +6,7 @@
 #include "platform/ConsolePresenter.h"
 #include "platform/StatePowerManager.h"
 #ifdef VEXLOR_SCHEDULE_WITH_DBUS
+#include "platform/BusProbe.h"
 #include "platform/DBusNotificationPresenter.h"
 #include "platform/LogindPowerManager.h"
 #endif
@@ -74,12 +75,15 @@ NoticeChoice DefaultNoticeChoice() {
     return NoticeChoice::Console;
 }
 
-std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallback onChange) {
+std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake,
+                                                     [[maybe_unused]] SleepCallback onChange) {
 #ifdef VEXLOR_SCHEDULE_WITH_DBUS
     if (keepAwake) {
         auto logind = App::LogindPowerManager::Create(
             QStringLiteral("vexlor-schedule"), QStringLiteral("A scheduled recording is planned"),
-            [onChange](bool sleepPrevented) { onChange(sleepPrevented, true); });
+            [onChange = std::move(onChange)](bool sleepPrevented) {
+                onChange(sleepPrevented, true);
+            });
         if (logind) {
             return logind;
         }
@@ -90,12 +94,21 @@ std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallba
         Warn("built without D-Bus; the machine may sleep");
     }
 #endif
-    return std::make_shared<App::StatePowerManager>(
-        [onChange = std::move(onChange)](bool sleepPrevented) { onChange(sleepPrevented, false); });
+    // Without a lock nothing keeps the machine awake, so nothing is reported: a "sleep
+    // prevented" line would claim the opposite of the warning (or of --no-keep-awake).
+    return std::make_shared<App::StatePowerManager>();
 }
 
 DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
     NoticeChoice choice, std::function<void(const QString&)> report) {
+#ifdef VEXLOR_SCHEDULE_WITH_DBUS
+    if (choice == NoticeChoice::Desktop) {
+        // Checked in the background from now on, beside the system bus that MakePowerManager
+        // checks, so that two buses that do not answer cost one bound and not two.
+        Platform::Bus::Probe::Start(Platform::Bus::Kind::Session,
+                                    DesktopNotification::DBusNotificationPresenter::DefaultTimeout);
+    }
+#endif
     if (choice == NoticeChoice::None) {
         return [](int, int, const QString&) -> std::shared_ptr<IPresenter> {
             return std::make_shared<SilentPresenter>();

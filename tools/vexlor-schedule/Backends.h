@@ -21,14 +21,18 @@ namespace Vexlor::ScheduleTool {
 // empty; Console otherwise, and always in a build without D-Bus.
 NoticeChoice DefaultNoticeChoice();
 
-// Told each time the keep-awake state really changes; `systemLock` says whether a logind
-// sleep lock was taken or released, rather than the state only being noted.
+// Told each time a logind sleep lock is taken (true) or released (false). `systemLock` is
+// always true: without a lock nothing is reported, since nothing keeps the machine awake.
 using SleepCallback = std::function<void(bool sleepPrevented, bool systemLock)>;
 
-// With `keepAwake`, a logind sleep lock when logind answers on the system bus.
+// With `keepAwake`, a logind sleep lock when logind answers on the system bus; otherwise,
+// after one warning when `keepAwake` asked for a lock, a manager that only keeps the state.
+// Waits at most 2 s for the system bus and logind.
 std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallback onChange);
 
-// `report` receives one line for each notice shown or withdrawn.
+// `report` receives one line for each notice shown or withdrawn. With Desktop this starts
+// checking the session bus in the background at once; called before MakePowerManager, the two
+// buses are checked side by side. The creator waits for what is left of that check.
 DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
     NoticeChoice choice, std::function<void(const QString&)> report);
 

@@ -5,6 +5,22 @@
 
 namespace Vexlor::Platform::Bus {
 
+Deadline::Deadline(std::chrono::milliseconds timeout)
+    : end(std::chrono::steady_clock::now() + timeout) {}
+
+std::chrono::milliseconds Deadline::Left() const {
+    const auto left = end - std::chrono::steady_clock::now();
+    return std::max(std::chrono::milliseconds::zero(),
+                    std::chrono::ceil<std::chrono::milliseconds>(left));
+}
+
+QDBusConnection Connect(Kind kind, std::chrono::milliseconds timeout) {
+    if (!Probe::Of(kind, timeout).Answered()) {
+        return QDBusConnection(QString());  // an empty name: no connection
+    }
+    return kind == Kind::Session ? QDBusConnection::sessionBus() : QDBusConnection::systemBus();
+}
+
 QDBusMessage Call(const QDBusConnection& bus, const Target& target, const QString& method,
                   const QVariantList& arguments, std::chrono::milliseconds timeout) {
     QDBusMessage message =

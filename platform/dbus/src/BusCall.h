@@ -7,7 +7,26 @@
 #include <QString>
 #include <QVariantList>
 
+#include "platform/BusProbe.h"
+
 namespace Vexlor::Platform::Bus {
+
+// One bound shared by several steps: what is left of `timeout` from the moment of construction.
+class Deadline {
+public:
+    explicit Deadline(std::chrono::milliseconds timeout);
+    // Never negative.
+    std::chrono::milliseconds Left() const;
+
+private:
+    std::chrono::steady_clock::time_point end;
+};
+
+// The session or system bus through QtDBus, but only once Probe has found that it answers,
+// waiting at most `timeout` for that. Otherwise a connection that is not connected, on which
+// every call fails at once. QDBusConnection::sessionBus() and systemBus() are called nowhere
+// else: on a bus that does not answer they block without limit.
+QDBusConnection Connect(Kind kind, std::chrono::milliseconds timeout);
 
 struct Target {
     QString service;

@@ -78,13 +78,15 @@ struct DBusNotificationPresenter::Impl {
 
     QString appName;
     std::chrono::milliseconds timeout;
-    QDBusConnection bus = QDBusConnection::sessionBus();
     std::map<const INotification*, Shown> shown;
 
     void Show(const std::shared_ptr<INotification>& notification) {
         // Asked at every notice: the server may have been replaced since the last one, and
-        // one that does not answer this is not worth a Notify.
-        const std::optional<QStringList> capabilities = QueryCapabilities(bus, timeout);
+        // one that does not answer this is not worth a Notify. Until the bus is known to
+        // answer, checking it and asking share the one bound.
+        const Platform::Bus::Deadline deadline(timeout);
+        const QDBusConnection bus = Platform::Bus::Connect(Platform::Bus::Kind::Session, timeout);
+        const std::optional<QStringList> capabilities = QueryCapabilities(bus, deadline.Left());
         if (!capabilities) {
             LOG(WARNING) << "DBusNotificationPresenter: no notification server answers; notice "
                             "not shown";
@@ -121,8 +123,10 @@ struct DBusNotificationPresenter::Impl {
         const uint id = entry->second.id;
         // Forgotten whatever the server says: a server that lost it has nothing to close.
         shown.erase(entry);
-        const QDBusMessage reply =
-            Platform::Bus::Call(bus, Server(), QStringLiteral("CloseNotification"), {id}, timeout);
+        const Platform::Bus::Deadline deadline(timeout);
+        const QDBusConnection bus = Platform::Bus::Connect(Platform::Bus::Kind::Session, timeout);
+        const QDBusMessage reply = Platform::Bus::Call(
+            bus, Server(), QStringLiteral("CloseNotification"), {id}, deadline.Left());
         if (!Platform::Bus::IsReply(reply)) {
             LOG(WARNING) << "DBusNotificationPresenter: CloseNotification failed: "
                          << Platform::Bus::Describe(reply);
@@ -140,7 +144,9 @@ DBusNotificationPresenter::DBusNotificationPresenter(QString appName,
 DBusNotificationPresenter::~DBusNotificationPresenter() = default;
 
 bool DBusNotificationPresenter::IsAvailable(std::chrono::milliseconds timeout) {
-    return QueryCapabilities(QDBusConnection::sessionBus(), timeout).has_value();
+    const Platform::Bus::Deadline deadline(timeout);
+    const QDBusConnection bus = Platform::Bus::Connect(Platform::Bus::Kind::Session, timeout);
+    return QueryCapabilities(bus, deadline.Left()).has_value();
 }
 
 std::shared_ptr<DBusNotificationPresenter> DBusNotificationPresenter::Create(

@@ -33,7 +33,6 @@ struct LogindPowerManager::Impl {
     QString why;
     ChangeCallback onChange;
     std::chrono::milliseconds timeout;
-    QDBusConnection bus = QDBusConnection::systemBus();
     // The lock: logind keeps it while any copy of this descriptor is open.
     QDBusUnixFileDescriptor lock;
 
@@ -43,13 +42,17 @@ struct LogindPowerManager::Impl {
         if (Held()) {
             return;
         }
+        // Whether the bus answers is known after the first check; until then the check and
+        // the call share the one bound.
+        const Platform::Bus::Deadline deadline(timeout);
+        const QDBusConnection bus = Platform::Bus::Connect(Platform::Bus::Kind::System, timeout);
         if (!bus.isConnected()) {
             LOG(WARNING) << "LogindPowerManager: no system bus; the machine may sleep";
             return;
         }
         const QDBusMessage reply = Platform::Bus::Call(
             bus, Manager(), QStringLiteral("Inhibit"),
-            {QStringLiteral("sleep"), who, why, QStringLiteral("block")}, timeout);
+            {QStringLiteral("sleep"), who, why, QStringLiteral("block")}, deadline.Left());
         if (!Platform::Bus::IsReply(reply) || reply.arguments().size() != 1) {
             LOG(WARNING) << "LogindPowerManager: Inhibit failed, the machine may sleep: "
                          << Platform::Bus::Describe(reply);
@@ -94,7 +97,9 @@ LogindPowerManager::~LogindPowerManager() {
 }
 
 bool LogindPowerManager::IsAvailable(std::chrono::milliseconds timeout) {
-    return Platform::Bus::Answers(QDBusConnection::systemBus(), Login1Service(), timeout);
+    const Platform::Bus::Deadline deadline(timeout);
+    const QDBusConnection bus = Platform::Bus::Connect(Platform::Bus::Kind::System, timeout);
+    return Platform::Bus::Answers(bus, Login1Service(), deadline.Left());
 }
 
 std::shared_ptr<LogindPowerManager> LogindPowerManager::Create(const QString& who,

@@ -14,7 +14,8 @@ namespace Vexlor::DesktopNotification {
 // (org.freedesktop.Notifications). A notice stays until Hide withdraws it.
 //
 // Every call waits at most `timeout` for an answer. A server that is gone or stuck costs that
-// wait and a warning; nothing hangs and nothing throws.
+// wait and a warning; nothing hangs and nothing throws. The session bus is used only once
+// Platform::Bus::Probe has found that it answers (checked once per process).
 //
 // The server's body markup has no colour, so SupportsFeature(RichTextColor) is always false and
 // the notice's text arrives as plain text. Colour tags that reach Show anyway are dropped. When

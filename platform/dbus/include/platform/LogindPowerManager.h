@@ -17,7 +17,8 @@ namespace Vexlor::App {
 // state, so repeated calls take no second lock and close nothing twice.
 //
 // Every call waits at most `timeout`; when logind is gone or refuses, the state stays "allowed"
-// and a warning is logged.
+// and a warning is logged. The system bus is used only once Platform::Bus::Probe has found that
+// it answers (checked once per process), so a bus that never answers costs one `timeout`.
 class VEXLOR_PLATFORM_DBUS_EXPORT LogindPowerManager : public IPowerManager {
 public:
     // Called with true when the lock is taken and with false when it is released, also when
