@@ -81,9 +81,7 @@ std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake,
     if (keepAwake) {
         auto logind = App::LogindPowerManager::Create(
             QStringLiteral("vexlor-schedule"), QStringLiteral("A scheduled recording is planned"),
-            [onChange = std::move(onChange)](bool sleepPrevented) {
-                onChange(sleepPrevented, true);
-            });
+            std::move(onChange));
         if (logind) {
             return logind;
         }

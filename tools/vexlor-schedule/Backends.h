@@ -21,9 +21,9 @@ namespace Vexlor::ScheduleTool {
 // empty; Console otherwise, and always in a build without D-Bus.
 NoticeChoice DefaultNoticeChoice();
 
-// Told each time a logind sleep lock is taken (true) or released (false). `systemLock` is
-// always true: without a lock nothing is reported, since nothing keeps the machine awake.
-using SleepCallback = std::function<void(bool sleepPrevented, bool systemLock)>;
+// Told each time a logind sleep lock is taken (true) or released (false). Without a lock
+// nothing is reported, since nothing keeps the machine awake.
+using SleepCallback = std::function<void(bool sleepPrevented)>;
 
 // With `keepAwake`, a logind sleep lock when logind answers on the system bus; otherwise,
 // after one warning when `keepAwake` asked for a lock, a manager that only keeps the state.

@@ -35,13 +35,9 @@ void EventPrinter::SchedulerStarted(bool enabled, std::size_t recordsAhead) {
              .arg(recordsAhead));
 }
 
-void EventPrinter::SleepChanged(bool sleepPrevented, bool systemLock) {
-    if (systemLock) {
-        Line(sleepPrevented ? QStringLiteral("sleep prevented: logind lock taken")
-                            : QStringLiteral("sleep allowed: logind lock released"));
-        return;
-    }
-    Line(sleepPrevented ? QStringLiteral("sleep prevented") : QStringLiteral("sleep allowed"));
+void EventPrinter::SleepChanged(bool sleepPrevented) {
+    Line(sleepPrevented ? QStringLiteral("sleep prevented: logind lock taken")
+                        : QStringLiteral("sleep allowed: logind lock released"));
 }
 
 void EventPrinter::RecordingRequested() {

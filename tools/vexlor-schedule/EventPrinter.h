@@ -22,8 +22,8 @@ public:
     void Line(const QString& text);
 
     void SchedulerStarted(bool enabled, std::size_t recordsAhead);
-    // `systemLock`: a logind sleep lock was taken or released, not only the state noted.
-    void SleepChanged(bool sleepPrevented, bool systemLock);
+    // A logind sleep lock was taken or released.
+    void SleepChanged(bool sleepPrevented);
     void RecordingRequested();
     void RecordingStarted(const QK::RecordTime& record);
     void RecordingFinished(const QString& title, const QString& how);

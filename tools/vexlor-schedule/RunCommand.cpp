@@ -127,9 +127,7 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
     scheduler = std::make_shared<QK::Scheduler>(
         settings, std::make_shared<QK::FixedUiSettings>(leadEnabled, options.lead), gateway,
         MakePowerManager(options.keepAwake,
-                         [this](bool sleepPrevented, bool systemLock) {
-                             printer.SleepChanged(sleepPrevented, systemLock);
-                         }),
+                         [this](bool sleepPrevented) { printer.SleepChanged(sleepPrevented); }),
         std::make_shared<Time::SystemClock>(), std::make_shared<Time::QtDurationTimer>());
 
     controller = std::make_unique<CaptureController>(*scheduler, printer, options.exec,
