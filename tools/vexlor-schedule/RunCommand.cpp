@@ -42,7 +42,7 @@ constexpr std::chrono::seconds EDIT_LOCK_PATIENCE{30};
 constexpr std::chrono::seconds STORAGE_RETRY{2};
 // Far enough ahead that the scheduler, reading the clock a moment later, still sees a
 // caught-up record as starting now or later.
-constexpr Time::Microseconds CATCH_UP_MARGIN{20000};
+constexpr Time::Microseconds CATCH_UP_MARGIN{100000};
 
 class RunSession {
 public:
