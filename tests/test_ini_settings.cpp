@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <numeric>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <thread>
@@ -125,6 +126,40 @@ TEST_F(FullDiskTest, WriteNamesTheFullDiskAndKeepsTheStoredValue) {
     EXPECT_EQ(QDir(mountPoint).entryList(QDir::Files | QDir::Hidden, QDir::Name),
               (QStringList{"filler", "settings.ini"}));
 }
+
+struct StoredFlag {
+    const char* text;
+    std::optional<bool> read;  // empty: refused
+};
+
+void PrintTo(const StoredFlag& row, std::ostream* out) {
+    *out << '"' << row.text << '"';
+}
+
+class StoredFlagTest : public IniSettingsTest, public testing::WithParamInterface<StoredFlag> {};
+
+TEST_P(StoredFlagTest, OnlyTrueOrFalseIsABoolean) {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray("[QK]\nScheduler\\scheduler_enabled=") + GetParam().text + "\n");
+    file.close();
+    const IniSettingsManager settings(path);
+    const auto read = [&] { return settings.getBool("QK/Scheduler/scheduler_enabled", false); };
+    if (GetParam().read) {
+        EXPECT_EQ(read(), *GetParam().read);
+    } else {
+        EXPECT_THAT(FailureOf(read),
+                    HasSubstr(path.toStdString() + ": QK/Scheduler/scheduler_enabled holds \"" +
+                              GetParam().text + "\", which is neither true nor false"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, StoredFlagTest,
+                         testing::Values(StoredFlag{"True", true}, StoredFlag{"false", false},
+                                         StoredFlag{"1", true}, StoredFlag{"0", false},
+                                         StoredFlag{"maybe", std::nullopt},
+                                         StoredFlag{"2", std::nullopt},
+                                         StoredFlag{"", std::nullopt}));
 
 // Every kill leaves a whole schedule, and none older than the writer said it had stored.
 TEST_F(IniSettingsTest, WriterKilledMidWriteLeavesAWholeSchedule) {

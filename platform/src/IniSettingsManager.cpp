@@ -268,7 +268,28 @@ void IniSettingsManager::setByteArray(const std::string& key,
 
 bool IniSettingsManager::getBool(const std::string& key, bool defaultValue) const {
     SettingsFile file(path, "read");
-    return file->value(ToKey(key), defaultValue).toBool();
+    const QVariant value = file->value(ToKey(key));
+    if (!value.isValid()) {
+        return defaultValue;
+    }
+    if (value.userType() == QMetaType::Bool) {
+        return value.toBool();
+    }
+    // Read back from the file a flag is text, and QVariant would take any text but "", "0" and
+    // "false" for true: a hand-edited "maybe" must not switch anything on.
+    const QString text = value.userType() == QMetaType::QStringList
+                             ? value.toStringList().join(QStringLiteral(", "))
+                             : value.toString();
+    if (text.compare(QLatin1String("true"), Qt::CaseInsensitive) == 0 ||
+        text == QLatin1String("1")) {
+        return true;
+    }
+    if (text.compare(QLatin1String("false"), Qt::CaseInsensitive) == 0 ||
+        text == QLatin1String("0")) {
+        return false;
+    }
+    throw std::runtime_error("settings file " + path.toStdString() + ": " + key + " holds \"" +
+                             text.toStdString() + "\", which is neither true nor false");
 }
 
 std::vector<unsigned char> IniSettingsManager::getByteArray(
