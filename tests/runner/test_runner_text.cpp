@@ -1,5 +1,9 @@
+#include <time.h>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "CommandLine.h"
 #include "Duration.h"
 #include "SettingsPath.h"
 
@@ -74,6 +78,74 @@ TEST(SettingsPathTest, OptionThenEnvironmentThenConfigFolder) {
     EXPECT_EQ(ChooseSettingsPath(std::nullopt, std::nullopt, folder),
               QStringLiteral("/home/u/.config/vexlor-schedule/settings.ini"));
 }
+
+using testing::HasSubstr;
+
+// Sets TZ for one test and puts the old value back.
+class ZoneGuard {
+public:
+    explicit ZoneGuard(const char* zone)
+        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
+        qputenv("TZ", zone);
+        ::tzset();
+    }
+    ~ZoneGuard() {
+        had ? qputenv("TZ", old) : qunsetenv("TZ");
+        ::tzset();
+    }
+
+private:
+    bool had;
+    QByteArray old;
+};
+
+// Seconds after the epoch, or -1 and text that the refusal must hold.
+struct AtRow {
+    const char* zone;
+    const char* at;
+    long long seconds;
+    const char* refusal;
+};
+
+void PrintTo(const AtRow& row, std::ostream* out) {
+    *out << row.zone << " \"" << row.at << '"';
+}
+
+class ParseAtTest : public testing::TestWithParam<AtRow> {};
+
+TEST_P(ParseAtTest, TakesOnlyLocalTimesThatHappenOnceSince1970) {
+    const ZoneGuard zone(GetParam().zone);
+    const ParseResult parsed = ParseCommandLine({"add", "T", "--at", GetParam().at});
+    if (GetParam().seconds >= 0) {
+        ASSERT_TRUE(parsed.invocation) << parsed.error.toStdString();
+        EXPECT_EQ(parsed.invocation->add.at->time_since_epoch().count(),
+                  GetParam().seconds * SECOND);
+    } else {
+        EXPECT_THAT(parsed.error.toStdString(), HasSubstr(GetParam().refusal));
+        EXPECT_FALSE(parsed.invocation);
+    }
+}
+
+// Clocks skip 02:00-03:00 and repeat 02:00-03:00 in Berlin, skip 02:00-02:30 at Lord Howe.
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ParseAtTest,
+    testing::Values(
+        AtRow{"Europe/Berlin", "2026-03-29 01:59", 1774745940, nullptr},
+        AtRow{"Europe/Berlin", "2026-03-29 02:30", -1,
+              "\"2026-03-29 02:30\" does not exist in local time: clocks skip from 02:00 to 03:00"},
+        AtRow{"Europe/Berlin", "2026-03-29 03:00", 1774746000, nullptr},
+        AtRow{"Europe/Berlin", "2026-10-25 01:59:59", 1792886399, nullptr},
+        AtRow{"Europe/Berlin", "2026-10-25 02:30", -1,
+              "at 2026-10-25T02:30:00+02:00 and at 2026-10-25T02:30:00+01:00"},
+        AtRow{"Europe/Berlin", "2026-10-25 03:00", 1792893600, nullptr},
+        AtRow{"America/New_York", "2026-03-08 02:30", -1, "clocks skip from 02:00 to 03:00"},
+        AtRow{"America/New_York", "2026-11-01 01:13:20", -1,
+              "at 2026-11-01T01:13:20-04:00 and at 2026-11-01T01:13:20-05:00"},
+        AtRow{"Australia/Lord_Howe", "2026-10-04 02:15", -1, "clocks skip from 02:00 to 02:30"},
+        AtRow{"UTC", "2026-03-29 02:30", 1774751400, nullptr},
+        AtRow{"UTC", "1970-01-01 00:00", 0, nullptr},
+        AtRow{"UTC", "1969-12-31 23:59:59", -1, "is before 1970"},
+        AtRow{"Europe/Berlin", "1970-01-01 00:30", -1, "is before 1970"}));
 
 }  // namespace
 }  // namespace Vexlor::ScheduleTool

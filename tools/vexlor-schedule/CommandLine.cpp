@@ -1,8 +1,7 @@
 #include "CommandLine.h"
 
-#include <QDateTime>
-
 #include "Duration.h"
+#include "LocalTime.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -45,14 +44,22 @@ private:
     int next;
 };
 
-std::optional<Time::TimePoint> ParseLocalTime(const QString& text) {
-    for (const char* format : {"yyyy-MM-dd HH:mm:ss", "yyyy-MM-dd HH:mm"}) {
-        QDateTime local = QDateTime::fromString(text, QLatin1String(format));
-        if (local.isValid()) {
-            local.setTimeSpec(Qt::LocalTime);
-            return Time::TimePoint(Time::Microseconds(local.toMSecsSinceEpoch() * 1000));
+std::optional<Time::TimePoint> ParseLocalTime(const QString& text, QString& error) {
+    // Date and time apart: QDateTime refuses a local time in a gap before saying which.
+    const int space = text.indexOf(QLatin1Char(' '));
+    const QDate date = QDate::fromString(text.left(space), QStringLiteral("yyyy-MM-dd"));
+    for (const char* format : {"HH:mm:ss", "HH:mm"}) {
+        const QTime time = QTime::fromString(text.mid(space + 1), QLatin1String(format));
+        if (space > 0 && date.isValid() && time.isValid()) {
+            QString problem;
+            const auto resolved = ResolveLocalTime(date, time, problem);
+            if (!resolved) {
+                error = QStringLiteral("--at: \"%1\" %2").arg(text, problem);
+            }
+            return resolved;
         }
     }
+    error = QStringLiteral("--at: \"%1\" is not a local time like \"2030-01-31 18:30\"").arg(text);
     return std::nullopt;
 }
 
@@ -116,11 +123,7 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
             }
         }
         if (name == QLatin1String("--at")) {
-            add.at = ParseLocalTime(*value);
-            if (!add.at) {
-                return QStringLiteral("--at: \"%1\" is not a local time like \"2030-01-31 18:30\"")
-                    .arg(*value);
-            }
+            add.at = ParseLocalTime(*value, error);
         } else if (name == QLatin1String("--in")) {
             add.in = DurationValue(name, *value, error);
         } else if (name == QLatin1String("--for")) {
