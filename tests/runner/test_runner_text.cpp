@@ -147,5 +147,58 @@ INSTANTIATE_TEST_SUITE_P(
         AtRow{"UTC", "1969-12-31 23:59:59", -1, "is before 1970"},
         AtRow{"Europe/Berlin", "1970-01-01 00:30", -1, "is before 1970"}));
 
+// An accepted command line in one line ("add T", "remove T"), or "refused: <error>".
+std::string Outcome(const ParseResult& parsed) {
+    if (!parsed.invocation) {
+        return "refused: " + parsed.error.toStdString();
+    }
+    if (parsed.invocation->command == CommandName::Remove) {
+        return "remove " + parsed.invocation->removeTitle.toStdString();
+    }
+    const AddOptions& add = parsed.invocation->add;
+    return "add " + add.title.toStdString();
+}
+
+struct ArgumentsRow {
+    const char* name;
+    QList<QByteArray> arguments;
+    std::string outcome;  // all of it, or the start of a refusal
+};
+
+void PrintTo(const ArgumentsRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ParseArgumentsTest : public testing::TestWithParam<ArgumentsRow> {};
+
+TEST_P(ParseArgumentsTest, TakesTheBytesAsGiven) {
+    const std::string& expected = GetParam().outcome;
+    // An accepted line exactly, a refusal by its start.
+    EXPECT_THAT(
+        Outcome(ParseCommandLine(GetParam().arguments)),
+        testing::AnyOf(testing::Eq(expected), testing::AllOf(testing::StartsWith("refused: "),
+                                                             testing::StartsWith(expected))));
+}
+
+// Not UTF-8: a stray byte, an overlong form, a surrogate, past U+10FFFF, cut short.
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ParseArgumentsTest,
+    testing::Values(
+        ArgumentsRow{"NotUtf8",
+                     {"add", "bad\xff\t", "--in", "1h"},
+                     "refused: argument 2 is not valid UTF-8: \"bad\\xff\\x09\""},
+        ArgumentsRow{"Overlong", {"add", "\xc0\xaf", "--in", "1h"}, "refused: argument 2 "},
+        ArgumentsRow{"Surrogate", {"add", "\xed\xa0\x80", "--in", "1h"}, "refused: argument 2 "},
+        ArgumentsRow{
+            "BeyondUnicode", {"add", "\xf4\x90\x80\x80", "--in", "1h"}, "refused: argument 2 "},
+        ArgumentsRow{"CutShort", {"add", "--in", "1h", "caf\xc3"}, "refused: argument 4 "},
+        ArgumentsRow{"NotUtf8Removed", {"remove", "\xff"}, "refused: argument 2 "},
+        ArgumentsRow{"NotUtf8Settings", {"--settings", "\xfe.ini", "list"}, "refused: argument 2 "},
+        ArgumentsRow{"Utf8",
+                     {"add", "caf\xc3\xa9 \xf0\x9f\x8e\xa5", "--in", "1h"},
+                     "add caf\xc3\xa9 \xf0\x9f\x8e\xa5"},
+        ArgumentsRow{"ByteOrderMark", {"add", "\xef\xbb\xbfT", "--in", "1h"}, "add \xef\xbb\xbfT"}),
+    [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
+
 }  // namespace
 }  // namespace Vexlor::ScheduleTool

@@ -44,6 +44,84 @@ private:
     int next;
 };
 
+// The length of the well-formed UTF-8 sequence that starts at `bytes[i]`, or 0: no overlong
+// forms, no surrogates, nothing past U+10FFFF.
+int Utf8SequenceLength(const QByteArray& bytes, int i, char32_t& codePoint) {
+    const auto byteAt = [&bytes](int k) { return static_cast<unsigned char>(bytes[k]); };
+    const unsigned char lead = byteAt(i);
+    if (lead < 0x80) {
+        codePoint = lead;
+        return 1;
+    }
+    int length = 0;
+    unsigned char low = 0x80;  // the range of the second byte, narrower after some leads
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        codePoint = lead & 0x1Fu;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        codePoint = lead & 0x0Fu;
+        low = lead == 0xE0 ? 0xA0 : low;
+        high = lead == 0xED ? 0x9F : high;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        codePoint = lead & 0x07u;
+        low = lead == 0xF0 ? 0x90 : low;
+        high = lead == 0xF4 ? 0x8F : high;
+    } else {
+        return 0;
+    }
+    if (i + length > bytes.size()) {
+        return 0;
+    }
+    for (int k = 1; k < length; ++k) {
+        const unsigned char next = byteAt(i + k);
+        if (next < (k == 1 ? low : 0x80) || next > (k == 1 ? high : 0xBF)) {
+            return 0;
+        }
+        codePoint = codePoint << 6 | (next & 0x3Fu);
+    }
+    return length;
+}
+
+// QString::fromUcs4 would drop a leading U+FEFF.
+void AppendCodePoint(QString& text, char32_t codePoint) {
+    if (QChar::requiresSurrogates(codePoint)) {
+        text += QChar(QChar::highSurrogate(codePoint));
+        text += QChar(QChar::lowSurrogate(codePoint));
+    } else {
+        text += QChar(static_cast<char16_t>(codePoint));
+    }
+}
+
+// Decodes strictly. Qt's own decoders would turn bad bytes into U+FFFD and drop a leading
+// byte order mark. On failure `text` shows the argument with control characters and the
+// bytes that are not UTF-8 written as \xNN.
+bool DecodeUtf8(const QByteArray& bytes, QString& text) {
+    QString shown;
+    bool valid = true;
+    for (int i = 0; i < bytes.size();) {
+        char32_t codePoint = 0;
+        const int length = Utf8SequenceLength(bytes, i, codePoint);
+        if (length == 0 || codePoint < 0x20 || codePoint == 0x7F) {
+            valid = valid && length != 0;
+            shown += QStringLiteral("\\x%1").arg(static_cast<unsigned char>(bytes[i]), 2, 16,
+                                                 QLatin1Char('0'));
+        } else {
+            AppendCodePoint(shown, codePoint);
+        }
+        if (length != 0) {
+            AppendCodePoint(text, codePoint);
+        }
+        i += length == 0 ? 1 : length;
+    }
+    if (!valid) {
+        text = shown;
+    }
+    return valid;
+}
+
 std::optional<Time::TimePoint> ParseLocalTime(const QString& text, QString& error) {
     // Date and time apart: QDateTime refuses a local time in a gap before saying which.
     const int space = text.indexOf(QLatin1Char(' '));
@@ -199,7 +277,16 @@ QString ParseRun(ArgumentReader& reader, RunOptions& run) {
 
 }  // namespace
 
-ParseResult ParseCommandLine(const QStringList& arguments) {
+ParseResult ParseCommandLine(const QList<QByteArray>& rawArguments) {
+    QStringList arguments;
+    for (int i = 0; i < rawArguments.size(); ++i) {
+        QString text;
+        if (!DecodeUtf8(rawArguments[i], text)) {
+            return {std::nullopt, QStringLiteral("argument %1 is not valid UTF-8: \"%2\"")
+                                      .arg(QString::number(i + 1), text)};
+        }
+        arguments << text;
+    }
     Invocation invocation;
     int index = 0;
     while (index < arguments.size()) {

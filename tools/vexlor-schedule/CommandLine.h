@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -44,8 +46,9 @@ struct ParseResult {
     QString error;  // set when invocation is empty
 };
 
-// `arguments` excludes the program name.
-ParseResult ParseCommandLine(const QStringList& arguments);
+// `arguments` are the bytes of argv after the program name, as the system passed them: each
+// must be UTF-8, so that nothing is silently replaced on the way in.
+ParseResult ParseCommandLine(const QList<QByteArray>& arguments);
 
 QString UsageText();
 
