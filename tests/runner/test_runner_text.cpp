@@ -197,7 +197,9 @@ INSTANTIATE_TEST_SUITE_P(
         ArgumentsRow{"Utf8",
                      {"add", "caf\xc3\xa9 \xf0\x9f\x8e\xa5", "--in", "1h"},
                      "add caf\xc3\xa9 \xf0\x9f\x8e\xa5"},
-        ArgumentsRow{"ByteOrderMark", {"add", "\xef\xbb\xbfT", "--in", "1h"}, "add \xef\xbb\xbfT"}),
+        ArgumentsRow{"ByteOrderMark", {"add", "\xef\xbb\xbfT", "--in", "1h"}, "add \xef\xbb\xbfT"},
+        ArgumentsRow{"RemoveAfterDashes", {"remove", "--", "--old"}, "remove --old"},
+        ArgumentsRow{"RemoveDashesAlone", {"remove", "--"}, "remove --"}),
     [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
 
 }  // namespace

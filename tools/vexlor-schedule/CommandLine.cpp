@@ -341,6 +341,10 @@ ParseResult ParseCommandLine(const QList<QByteArray>& rawArguments) {
             error = QStringLiteral("remove needs a title");
         } else {
             invocation.removeTitle = reader.Take();
+            // "--" before a title that starts with "--", as with add; alone it is the title.
+            if (invocation.removeTitle == QLatin1String("--") && !reader.AtEnd()) {
+                invocation.removeTitle = reader.Take();
+            }
             if (!reader.AtEnd()) {
                 error = QStringLiteral("remove takes one title");
             }
