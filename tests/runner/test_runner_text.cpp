@@ -1,7 +1,9 @@
 #include <time.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <QProcess>
 
 #include "CommandLine.h"
 #include "Duration.h"
@@ -201,6 +203,33 @@ INSTANTIATE_TEST_SUITE_P(
         ArgumentsRow{"RemoveAfterDashes", {"remove", "--", "--old"}, "remove --old"},
         ArgumentsRow{"RemoveDashesAlone", {"remove", "--"}, "remove --"}),
     [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
+
+// Linux refuses an environment string over 32 pages, NUL included; the capture command gets
+// the title as VEXLOR_TITLE=<title>.
+TEST(TitleLengthTest, TitleMustFitTheCaptureCommandsEnvironment) {
+    const int limit = 32 * static_cast<int>(::sysconf(_SC_PAGESIZE));
+    const int room = limit - static_cast<int>(sizeof("VEXLOR_TITLE="));
+    const auto add = [](const QByteArray& title) {
+        return ParseCommandLine({"add", title, "--in", "1h"});
+    };
+    EXPECT_TRUE(add(QByteArray(room, 'x')).invocation);
+    const ParseResult over = add(QByteArray(room + 1, 'x'));
+    EXPECT_THAT(over.error.toStdString(),
+                HasSubstr("at most " + std::to_string(limit) + " bytes for VEXLOR_TITLE"));
+    // Counted in UTF-8 bytes, not characters.
+    EXPECT_FALSE(add(QString(room / 2 + 1, QChar(0xE9)).toUtf8()).invocation);
+
+    // The system draws the line where the check does.
+    for (const int size : {room, room + 1}) {
+        QProcess process;
+        QProcessEnvironment environment;
+        environment.insert(QStringLiteral("VEXLOR_TITLE"), QString(size, QLatin1Char('x')));
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral("/bin/true"), QStringList());
+        EXPECT_EQ(process.waitForStarted(5000), size == room) << size;
+        process.waitForFinished(5000);
+    }
+}
 
 }  // namespace
 }  // namespace Vexlor::ScheduleTool

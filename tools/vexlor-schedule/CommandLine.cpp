@@ -1,5 +1,7 @@
 #include "CommandLine.h"
 
+#include <unistd.h>
+
 #include "Duration.h"
 #include "LocalTime.h"
 
@@ -141,6 +143,23 @@ std::optional<Time::TimePoint> ParseLocalTime(const QString& text, QString& erro
     return std::nullopt;
 }
 
+// Linux refuses a single environment string longer than MAX_ARG_STRLEN (32 pages, the
+// terminating NUL included), and the capture command gets the title as VEXLOR_TITLE=<title>.
+// Checked at add, so that the recording does not fail only when it is due.
+QString CheckTitleFitsTheEnvironment(const QString& title) {
+    const long long limit = 32LL * ::sysconf(_SC_PAGESIZE);
+    const long long overhead = static_cast<long long>(sizeof("VEXLOR_TITLE="));  // with NUL
+    const long long size = title.toUtf8().size();
+    if (size + overhead <= limit) {
+        return {};
+    }
+    return QStringLiteral(
+               "the title is too long: %1 bytes in UTF-8, at most %2 (the capture command's "
+               "environment holds at most %3 bytes for VEXLOR_TITLE=<title>, terminating NUL "
+               "included)")
+        .arg(QString::number(size), QString::number(limit - overhead), QString::number(limit));
+}
+
 std::optional<Time::Microseconds> DurationValue(const QString& name, const QString& text,
                                                 QString& error) {
     auto duration = ParseDuration(text);
@@ -222,6 +241,10 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
     }
     if (!haveTitle || add.title.isEmpty()) {
         return QStringLiteral("add needs a title that is not empty");
+    }
+    error = CheckTitleFitsTheEnvironment(add.title);
+    if (!error.isEmpty()) {
+        return error;
     }
     if (!add.at && !add.in) {
         return QStringLiteral("add needs --at TIME or --in DURATION");
