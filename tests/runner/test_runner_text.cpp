@@ -149,7 +149,7 @@ INSTANTIATE_TEST_SUITE_P(
         AtRow{"UTC", "1969-12-31 23:59:59", -1, "is before 1970"},
         AtRow{"Europe/Berlin", "1970-01-01 00:30", -1, "is before 1970"}));
 
-// An accepted command line in one line ("add T", "remove T"), or "refused: <error>".
+// An accepted command line in one line ("add T enabled", "remove T"), or "refused: <error>".
 std::string Outcome(const ParseResult& parsed) {
     if (!parsed.invocation) {
         return "refused: " + parsed.error.toStdString();
@@ -158,7 +158,7 @@ std::string Outcome(const ParseResult& parsed) {
         return "remove " + parsed.invocation->removeTitle.toStdString();
     }
     const AddOptions& add = parsed.invocation->add;
-    return "add " + add.title.toStdString();
+    return "add " + add.title.toStdString() + (add.enable ? " enabled" : "");
 }
 
 struct ArgumentsRow {
@@ -201,7 +201,11 @@ INSTANTIATE_TEST_SUITE_P(
                      "add caf\xc3\xa9 \xf0\x9f\x8e\xa5"},
         ArgumentsRow{"ByteOrderMark", {"add", "\xef\xbb\xbfT", "--in", "1h"}, "add \xef\xbb\xbfT"},
         ArgumentsRow{"RemoveAfterDashes", {"remove", "--", "--old"}, "remove --old"},
-        ArgumentsRow{"RemoveDashesAlone", {"remove", "--"}, "remove --"}),
+        ArgumentsRow{"RemoveDashesAlone", {"remove", "--"}, "remove --"},
+        ArgumentsRow{"Enable", {"add", "T", "--in", "1h", "--enable"}, "add T enabled"},
+        ArgumentsRow{"EnableTakesNoValue",
+                     {"add", "T", "--in", "1h", "--enable=yes"},
+                     "refused: add: unknown option --enable"}),
     [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
 
 // Linux refuses an environment string over 32 pages, NUL included; the capture command gets

@@ -204,6 +204,10 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
             add.allowOverlap = true;
             continue;
         }
+        if (name == QLatin1String("--enable") && !inlineValue) {
+            add.enable = true;
+            continue;
+        }
         const bool known = name == QLatin1String("--at") || name == QLatin1String("--in") ||
                            name == QLatin1String("--for") || name == QLatin1String("--tag") ||
                            name == QLatin1String("--mode");
@@ -388,7 +392,7 @@ QString UsageText() {
     return QStringLiteral(
         "usage: vexlor-schedule [--settings FILE] COMMAND ...\n"
         "  add TITLE (--at \"YYYY-MM-DD HH:MM[:SS]\" | --in DURATION) [--for DURATION]\n"
-        "            [--tag N] [--mode 0|1|2] [--allow-overlap]\n"
+        "            [--tag N] [--mode 0|1|2] [--allow-overlap] [--enable]\n"
         "  list          the stored schedule, one line per record\n"
         "  remove TITLE\n"
         "  clear\n"

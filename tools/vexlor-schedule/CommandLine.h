@@ -23,6 +23,7 @@ struct AddOptions {
     int tag = -1;
     int mode = 0;
     bool allowOverlap = false;
+    bool enable = false;  // --enable: switch scheduling on in the same edit
 };
 
 struct RunOptions {
