@@ -1,12 +1,23 @@
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
+#include <functional>
 #include <memory>
+#include <numeric>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -19,7 +30,17 @@ namespace Vexlor::App {
 namespace {
 
 using QK::SchedulerSettings;
+using testing::HasSubstr;
 using Testing::NumberedSchedule;
+
+std::string FailureOf(const std::function<void()>& operation) {
+    try {
+        operation();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "nothing thrown";
+}
 
 class IniSettingsTest : public testing::Test {
 protected:
@@ -36,12 +57,109 @@ TEST_F(IniSettingsTest, AnotherProcessReadsOurWritesAndWeReadItsWrites) {
     EXPECT_EQ(settings.GetSchedule(), NumberedSchedule(4));
 }
 
-TEST_F(IniSettingsTest, FileThatCannotBeWrittenIsReported) {
-    QFile notADirectory(path);
+TEST_F(IniSettingsTest, FailuresNameTheSystemsReason) {
+    ASSERT_TRUE(QDir().mkdir(path));
+    IniSettingsManager directory(path);
+    const std::string named = "settings file " + path.toStdString() + ": ";
+    EXPECT_THAT(FailureOf([&] { directory.getBool("key", false); }),
+                HasSubstr(named + "read failed: Is a directory"));
+    EXPECT_THAT(FailureOf([&] { directory.setBool("key", true); }),
+                HasSubstr(named + "write failed: Is a directory"));
+
+    QFile notADirectory(dir.filePath("file"));
     ASSERT_TRUE(notADirectory.open(QIODevice::WriteOnly));
-    EXPECT_THROW(IniSettingsManager(path + "/settings.ini").setBool("key", true),
-                 std::runtime_error);
+    IniSettingsManager underAFile(notADirectory.fileName() + "/settings.ini");
+    EXPECT_THAT(FailureOf([&] { underAFile.setBool("key", true); }),
+                HasSubstr("write failed: Not a directory"));
 }
+
+// The settings on a 64 KiB file system of their own, unmounted again whatever happens.
+class FullDiskTest : public IniSettingsTest {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(QDir().mkdir(mountPoint));
+        if (::mount("tmpfs", QFile::encodeName(mountPoint).constData(), "tmpfs", 0, "size=64k") !=
+            0) {
+            GTEST_SKIP() << "mounting a tmpfs is not permitted here (" << std::strerror(errno)
+                         << "), so a full disk cannot be made";
+        }
+        mounted = true;
+    }
+    void TearDown() override {
+        if (mounted) {
+            ::umount2(QFile::encodeName(mountPoint).constData(), MNT_DETACH);
+        }
+    }
+
+    // Fills the file system, then frees `left` bytes.
+    void FillLeaving(off_t left) {
+        const int fd = ::open(QFile::encodeName(mountPoint + "/filler").constData(),
+                              O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0);
+        const std::vector<char> block(4096, 'f');
+        off_t size = 0;
+        for (ssize_t put; (put = ::write(fd, block.data(), block.size())) > 0;) {
+            size += put;
+        }
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(::ftruncate(fd, size > left ? size - left : 0), 0);
+        ::close(fd);
+    }
+
+    QString mountPoint = dir.filePath("small");
+    bool mounted = false;
+};
+
+// A little room is left, enough for a small write but not for the new file.
+TEST_F(FullDiskTest, WriteNamesTheFullDiskAndKeepsTheStoredValue) {
+    IniSettingsManager settings(mountPoint + "/settings.ini");
+    const std::vector<unsigned char> stored(100, 's');
+    settings.setByteArray("value", stored);
+    FillLeaving(8192);
+
+    std::vector<unsigned char> larger(16384);
+    std::iota(larger.begin(), larger.end(), 0);  // every byte value, escaped in the file
+    EXPECT_THAT(FailureOf([&] { settings.setByteArray("value", larger); }),
+                HasSubstr(mountPoint.toStdString() +
+                          "/settings.ini: write failed: No space left on device"));
+    EXPECT_EQ(settings.getByteArray("value", {}), stored);
+    EXPECT_EQ(QDir(mountPoint).entryList(QDir::Files | QDir::Hidden, QDir::Name),
+              (QStringList{"filler", "settings.ini"}));
+}
+
+struct StoredFlag {
+    const char* text;
+    std::optional<bool> read;  // empty: refused
+};
+
+void PrintTo(const StoredFlag& row, std::ostream* out) {
+    *out << '"' << row.text << '"';
+}
+
+class StoredFlagTest : public IniSettingsTest, public testing::WithParamInterface<StoredFlag> {};
+
+TEST_P(StoredFlagTest, OnlyTrueOrFalseIsABoolean) {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray("[QK]\nScheduler\\scheduler_enabled=") + GetParam().text + "\n");
+    file.close();
+    const IniSettingsManager settings(path);
+    const auto read = [&] { return settings.getBool("QK/Scheduler/scheduler_enabled", false); };
+    if (GetParam().read) {
+        EXPECT_EQ(read(), *GetParam().read);
+    } else {
+        EXPECT_THAT(FailureOf(read),
+                    HasSubstr(path.toStdString() + ": QK/Scheduler/scheduler_enabled holds \"" +
+                              GetParam().text + "\", which is neither true nor false"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, StoredFlagTest,
+                         testing::Values(StoredFlag{"True", true}, StoredFlag{"false", false},
+                                         StoredFlag{"1", true}, StoredFlag{"0", false},
+                                         StoredFlag{"maybe", std::nullopt},
+                                         StoredFlag{"2", std::nullopt},
+                                         StoredFlag{"", std::nullopt}));
 
 // Every kill leaves a whole schedule, and none older than the writer said it had stored.
 TEST_F(IniSettingsTest, WriterKilledMidWriteLeavesAWholeSchedule) {

@@ -159,6 +159,21 @@ INSTANTIATE_TEST_SUITE_P(
         RefusedAdd{"UnknownOption", {"New", "--in", "1h", "--colour", "red"}, 2, "--colour"}),
     [](const testing::TestParamInfo<RefusedAdd>& info) { return std::string(info.param.name); });
 
+// Through a shell, which passes the bytes on as they are.
+TEST_F(RunnerTest, TitleThatIsNotUtf8IsRefusedAsGiven) {
+    Add({"Planned", "--in", "1h"});
+    const QByteArray before = ReadFile("settings.ini");
+    QProcess process;
+    process.start("/bin/sh",
+                  {"-c", "exec \"$0\" --settings \"$1\" add \"$(printf 'bad\\377')\" --in 2h",
+                   VEXLOR_SCHEDULE_PROGRAM, SettingsFile()});
+    const Outcome refused = Finish(process);
+    EXPECT_EQ(refused.exitCode, 2);
+    EXPECT_TRUE(refused.err.contains("argument 4 is not valid UTF-8: \"bad\\xff\""))
+        << refused.err.toStdString();
+    EXPECT_EQ(ReadFile("settings.ini"), before);
+}
+
 TEST_F(RunnerTest, AllowOverlapKeepsBothRecords) {
     Add({"Planned", "--in", "1h", "--for", "30m"});
     Add({"Beside", "--in", "1h10m", "--for", "5m", "--allow-overlap"});

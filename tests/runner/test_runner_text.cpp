@@ -1,5 +1,11 @@
-#include <gtest/gtest.h>
+#include <time.h>
+#include <unistd.h>
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <QProcess>
+
+#include "CommandLine.h"
 #include "Duration.h"
 #include "SettingsPath.h"
 
@@ -73,6 +79,160 @@ TEST(SettingsPathTest, OptionThenEnvironmentThenConfigFolder) {
               QStringLiteral("/home/u/.config/vexlor-schedule/settings.ini"));
     EXPECT_EQ(ChooseSettingsPath(std::nullopt, std::nullopt, folder),
               QStringLiteral("/home/u/.config/vexlor-schedule/settings.ini"));
+}
+
+using testing::HasSubstr;
+
+// Sets TZ for one test and puts the old value back.
+class ZoneGuard {
+public:
+    explicit ZoneGuard(const char* zone)
+        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
+        qputenv("TZ", zone);
+        ::tzset();
+    }
+    ~ZoneGuard() {
+        had ? qputenv("TZ", old) : qunsetenv("TZ");
+        ::tzset();
+    }
+
+private:
+    bool had;
+    QByteArray old;
+};
+
+// Seconds after the epoch, or -1 and text that the refusal must hold.
+struct AtRow {
+    const char* zone;
+    const char* at;
+    long long seconds;
+    const char* refusal;
+};
+
+void PrintTo(const AtRow& row, std::ostream* out) {
+    *out << row.zone << " \"" << row.at << '"';
+}
+
+class ParseAtTest : public testing::TestWithParam<AtRow> {};
+
+TEST_P(ParseAtTest, TakesOnlyLocalTimesThatHappenOnceSince1970) {
+    const ZoneGuard zone(GetParam().zone);
+    const ParseResult parsed = ParseCommandLine({"add", "T", "--at", GetParam().at});
+    if (GetParam().seconds >= 0) {
+        ASSERT_TRUE(parsed.invocation) << parsed.error.toStdString();
+        EXPECT_EQ(parsed.invocation->add.at->time_since_epoch().count(),
+                  GetParam().seconds * SECOND);
+    } else {
+        EXPECT_THAT(parsed.error.toStdString(), HasSubstr(GetParam().refusal));
+        EXPECT_FALSE(parsed.invocation);
+    }
+}
+
+// Clocks skip 02:00-03:00 and repeat 02:00-03:00 in Berlin, skip 02:00-02:30 at Lord Howe.
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ParseAtTest,
+    testing::Values(
+        AtRow{"Europe/Berlin", "2026-03-29 01:59", 1774745940, nullptr},
+        AtRow{"Europe/Berlin", "2026-03-29 02:30", -1,
+              "\"2026-03-29 02:30\" does not exist in local time: clocks skip from 02:00 to 03:00"},
+        AtRow{"Europe/Berlin", "2026-03-29 03:00", 1774746000, nullptr},
+        AtRow{"Europe/Berlin", "2026-10-25 01:59:59", 1792886399, nullptr},
+        AtRow{"Europe/Berlin", "2026-10-25 02:30", -1,
+              "at 2026-10-25T02:30:00+02:00 and at 2026-10-25T02:30:00+01:00"},
+        AtRow{"Europe/Berlin", "2026-10-25 03:00", 1792893600, nullptr},
+        AtRow{"America/New_York", "2026-03-08 02:30", -1, "clocks skip from 02:00 to 03:00"},
+        AtRow{"America/New_York", "2026-11-01 01:13:20", -1,
+              "at 2026-11-01T01:13:20-04:00 and at 2026-11-01T01:13:20-05:00"},
+        AtRow{"Australia/Lord_Howe", "2026-10-04 02:15", -1, "clocks skip from 02:00 to 02:30"},
+        AtRow{"UTC", "2026-03-29 02:30", 1774751400, nullptr},
+        AtRow{"UTC", "1970-01-01 00:00", 0, nullptr},
+        AtRow{"UTC", "1969-12-31 23:59:59", -1, "is before 1970"},
+        AtRow{"Europe/Berlin", "1970-01-01 00:30", -1, "is before 1970"}));
+
+// An accepted command line in one line ("add T enabled", "remove T"), or "refused: <error>".
+std::string Outcome(const ParseResult& parsed) {
+    if (!parsed.invocation) {
+        return "refused: " + parsed.error.toStdString();
+    }
+    if (parsed.invocation->command == CommandName::Remove) {
+        return "remove " + parsed.invocation->removeTitle.toStdString();
+    }
+    const AddOptions& add = parsed.invocation->add;
+    return "add " + add.title.toStdString() + (add.enable ? " enabled" : "");
+}
+
+struct ArgumentsRow {
+    const char* name;
+    QList<QByteArray> arguments;
+    std::string outcome;  // all of it, or the start of a refusal
+};
+
+void PrintTo(const ArgumentsRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ParseArgumentsTest : public testing::TestWithParam<ArgumentsRow> {};
+
+TEST_P(ParseArgumentsTest, TakesTheBytesAsGiven) {
+    const std::string& expected = GetParam().outcome;
+    // An accepted line exactly, a refusal by its start.
+    EXPECT_THAT(
+        Outcome(ParseCommandLine(GetParam().arguments)),
+        testing::AnyOf(testing::Eq(expected), testing::AllOf(testing::StartsWith("refused: "),
+                                                             testing::StartsWith(expected))));
+}
+
+// Not UTF-8: a stray byte, an overlong form, a surrogate, past U+10FFFF, cut short.
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ParseArgumentsTest,
+    testing::Values(
+        ArgumentsRow{"NotUtf8",
+                     {"add", "bad\xff\t", "--in", "1h"},
+                     "refused: argument 2 is not valid UTF-8: \"bad\\xff\\x09\""},
+        ArgumentsRow{"Overlong", {"add", "\xc0\xaf", "--in", "1h"}, "refused: argument 2 "},
+        ArgumentsRow{"Surrogate", {"add", "\xed\xa0\x80", "--in", "1h"}, "refused: argument 2 "},
+        ArgumentsRow{
+            "BeyondUnicode", {"add", "\xf4\x90\x80\x80", "--in", "1h"}, "refused: argument 2 "},
+        ArgumentsRow{"CutShort", {"add", "--in", "1h", "caf\xc3"}, "refused: argument 4 "},
+        ArgumentsRow{"NotUtf8Removed", {"remove", "\xff"}, "refused: argument 2 "},
+        ArgumentsRow{"NotUtf8Settings", {"--settings", "\xfe.ini", "list"}, "refused: argument 2 "},
+        ArgumentsRow{"Utf8",
+                     {"add", "caf\xc3\xa9 \xf0\x9f\x8e\xa5", "--in", "1h"},
+                     "add caf\xc3\xa9 \xf0\x9f\x8e\xa5"},
+        ArgumentsRow{"ByteOrderMark", {"add", "\xef\xbb\xbfT", "--in", "1h"}, "add \xef\xbb\xbfT"},
+        ArgumentsRow{"RemoveAfterDashes", {"remove", "--", "--old"}, "remove --old"},
+        ArgumentsRow{"RemoveDashesAlone", {"remove", "--"}, "remove --"},
+        ArgumentsRow{"Enable", {"add", "T", "--in", "1h", "--enable"}, "add T enabled"},
+        ArgumentsRow{"EnableTakesNoValue",
+                     {"add", "T", "--in", "1h", "--enable=yes"},
+                     "refused: add: unknown option --enable"}),
+    [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
+
+// Linux refuses an environment string over 32 pages, NUL included; the capture command gets
+// the title as VEXLOR_TITLE=<title>.
+TEST(TitleLengthTest, TitleMustFitTheCaptureCommandsEnvironment) {
+    const int limit = 32 * static_cast<int>(::sysconf(_SC_PAGESIZE));
+    const int room = limit - static_cast<int>(sizeof("VEXLOR_TITLE="));
+    const auto add = [](const QByteArray& title) {
+        return ParseCommandLine({"add", title, "--in", "1h"});
+    };
+    EXPECT_TRUE(add(QByteArray(room, 'x')).invocation);
+    const ParseResult over = add(QByteArray(room + 1, 'x'));
+    EXPECT_THAT(over.error.toStdString(),
+                HasSubstr("at most " + std::to_string(limit) + " bytes for VEXLOR_TITLE"));
+    // Counted in UTF-8 bytes, not characters.
+    EXPECT_FALSE(add(QString(room / 2 + 1, QChar(0xE9)).toUtf8()).invocation);
+
+    // The system draws the line where the check does.
+    for (const int size : {room, room + 1}) {
+        QProcess process;
+        QProcessEnvironment environment;
+        environment.insert(QStringLiteral("VEXLOR_TITLE"), QString(size, QLatin1Char('x')));
+        process.setProcessEnvironment(environment);
+        process.start(QStringLiteral("/bin/true"), QStringList());
+        EXPECT_EQ(process.waitForStarted(5000), size == room) << size;
+        process.waitForFinished(5000);
+    }
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 #include "CommandLine.h"
 
-#include <QDateTime>
+#include <unistd.h>
 
 #include "Duration.h"
+#include "LocalTime.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -45,15 +46,118 @@ private:
     int next;
 };
 
-std::optional<Time::TimePoint> ParseLocalTime(const QString& text) {
-    for (const char* format : {"yyyy-MM-dd HH:mm:ss", "yyyy-MM-dd HH:mm"}) {
-        QDateTime local = QDateTime::fromString(text, QLatin1String(format));
-        if (local.isValid()) {
-            local.setTimeSpec(Qt::LocalTime);
-            return Time::TimePoint(Time::Microseconds(local.toMSecsSinceEpoch() * 1000));
+// The length of the well-formed UTF-8 sequence that starts at `bytes[i]`, or 0: no overlong
+// forms, no surrogates, nothing past U+10FFFF.
+int Utf8SequenceLength(const QByteArray& bytes, int i, char32_t& codePoint) {
+    const auto byteAt = [&bytes](int k) { return static_cast<unsigned char>(bytes[k]); };
+    const unsigned char lead = byteAt(i);
+    if (lead < 0x80) {
+        codePoint = lead;
+        return 1;
+    }
+    int length = 0;
+    unsigned char low = 0x80;  // the range of the second byte, narrower after some leads
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        codePoint = lead & 0x1Fu;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        codePoint = lead & 0x0Fu;
+        low = lead == 0xE0 ? 0xA0 : low;
+        high = lead == 0xED ? 0x9F : high;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        codePoint = lead & 0x07u;
+        low = lead == 0xF0 ? 0x90 : low;
+        high = lead == 0xF4 ? 0x8F : high;
+    } else {
+        return 0;
+    }
+    if (i + length > bytes.size()) {
+        return 0;
+    }
+    for (int k = 1; k < length; ++k) {
+        const unsigned char next = byteAt(i + k);
+        if (next < (k == 1 ? low : 0x80) || next > (k == 1 ? high : 0xBF)) {
+            return 0;
+        }
+        codePoint = codePoint << 6 | (next & 0x3Fu);
+    }
+    return length;
+}
+
+// QString::fromUcs4 would drop a leading U+FEFF.
+void AppendCodePoint(QString& text, char32_t codePoint) {
+    if (QChar::requiresSurrogates(codePoint)) {
+        text += QChar(QChar::highSurrogate(codePoint));
+        text += QChar(QChar::lowSurrogate(codePoint));
+    } else {
+        text += QChar(static_cast<char16_t>(codePoint));
+    }
+}
+
+// Decodes strictly. Qt's own decoders would turn bad bytes into U+FFFD and drop a leading
+// byte order mark. On failure `text` shows the argument with control characters and the
+// bytes that are not UTF-8 written as \xNN.
+bool DecodeUtf8(const QByteArray& bytes, QString& text) {
+    QString shown;
+    bool valid = true;
+    for (int i = 0; i < bytes.size();) {
+        char32_t codePoint = 0;
+        const int length = Utf8SequenceLength(bytes, i, codePoint);
+        if (length == 0 || codePoint < 0x20 || codePoint == 0x7F) {
+            valid = valid && length != 0;
+            shown += QStringLiteral("\\x%1").arg(static_cast<unsigned char>(bytes[i]), 2, 16,
+                                                 QLatin1Char('0'));
+        } else {
+            AppendCodePoint(shown, codePoint);
+        }
+        if (length != 0) {
+            AppendCodePoint(text, codePoint);
+        }
+        i += length == 0 ? 1 : length;
+    }
+    if (!valid) {
+        text = shown;
+    }
+    return valid;
+}
+
+std::optional<Time::TimePoint> ParseLocalTime(const QString& text, QString& error) {
+    // Date and time apart: QDateTime refuses a local time in a gap before saying which.
+    const int space = text.indexOf(QLatin1Char(' '));
+    const QDate date = QDate::fromString(text.left(space), QStringLiteral("yyyy-MM-dd"));
+    for (const char* format : {"HH:mm:ss", "HH:mm"}) {
+        const QTime time = QTime::fromString(text.mid(space + 1), QLatin1String(format));
+        if (space > 0 && date.isValid() && time.isValid()) {
+            QString problem;
+            const auto resolved = ResolveLocalTime(date, time, problem);
+            if (!resolved) {
+                error = QStringLiteral("--at: \"%1\" %2").arg(text, problem);
+            }
+            return resolved;
         }
     }
+    error = QStringLiteral("--at: \"%1\" is not a local time like \"2030-01-31 18:30\"").arg(text);
     return std::nullopt;
+}
+
+// Linux refuses a single environment string longer than MAX_ARG_STRLEN (32 pages, the
+// terminating NUL included), and the capture command gets the title as VEXLOR_TITLE=<title>.
+// Checked at add, so that the recording does not fail only when it is due.
+QString CheckTitleFitsTheEnvironment(const QString& title) {
+    const long long limit = 32LL * ::sysconf(_SC_PAGESIZE);
+    const long long overhead = static_cast<long long>(sizeof("VEXLOR_TITLE="));  // with NUL
+    const long long size = title.toUtf8().size();
+    if (size + overhead <= limit) {
+        return {};
+    }
+    return QStringLiteral(
+               "the title is too long: %1 bytes in UTF-8, at most %2 (the capture command's "
+               "environment holds at most %3 bytes for VEXLOR_TITLE=<title>, terminating NUL "
+               "included)")
+        .arg(QString::number(size), QString::number(limit - overhead), QString::number(limit));
 }
 
 std::optional<Time::Microseconds> DurationValue(const QString& name, const QString& text,
@@ -120,11 +224,7 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
             }
         }
         if (name == QLatin1String("--at")) {
-            add.at = ParseLocalTime(*value);
-            if (!add.at) {
-                return QStringLiteral("--at: \"%1\" is not a local time like \"2030-01-31 18:30\"")
-                    .arg(*value);
-            }
+            add.at = ParseLocalTime(*value, error);
         } else if (name == QLatin1String("--in")) {
             add.in = DurationValue(name, *value, error);
         } else if (name == QLatin1String("--for")) {
@@ -145,6 +245,10 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
     }
     if (!haveTitle || add.title.isEmpty()) {
         return QStringLiteral("add needs a title that is not empty");
+    }
+    error = CheckTitleFitsTheEnvironment(add.title);
+    if (!error.isEmpty()) {
+        return error;
     }
     if (!add.at && !add.in) {
         return QStringLiteral("add needs --at TIME or --in DURATION");
@@ -200,7 +304,16 @@ QString ParseRun(ArgumentReader& reader, RunOptions& run) {
 
 }  // namespace
 
-ParseResult ParseCommandLine(const QStringList& arguments) {
+ParseResult ParseCommandLine(const QList<QByteArray>& rawArguments) {
+    QStringList arguments;
+    for (int i = 0; i < rawArguments.size(); ++i) {
+        QString text;
+        if (!DecodeUtf8(rawArguments[i], text)) {
+            return {std::nullopt, QStringLiteral("argument %1 is not valid UTF-8: \"%2\"")
+                                      .arg(QString::number(i + 1), text)};
+        }
+        arguments << text;
+    }
     Invocation invocation;
     int index = 0;
     while (index < arguments.size()) {
@@ -255,6 +368,10 @@ ParseResult ParseCommandLine(const QStringList& arguments) {
             error = QStringLiteral("remove needs a title");
         } else {
             invocation.removeTitle = reader.Take();
+            // "--" before a title that starts with "--", as with add; alone it is the title.
+            if (invocation.removeTitle == QLatin1String("--") && !reader.AtEnd()) {
+                invocation.removeTitle = reader.Take();
+            }
             if (!reader.AtEnd()) {
                 error = QStringLiteral("remove takes one title");
             }
@@ -275,7 +392,7 @@ QString UsageText() {
     return QStringLiteral(
         "usage: vexlor-schedule [--settings FILE] COMMAND ...\n"
         "  add TITLE (--at \"YYYY-MM-DD HH:MM[:SS]\" | --in DURATION) [--for DURATION]\n"
-        "            [--tag N] [--mode 0|1|2] [--allow-overlap]\n"
+        "            [--tag N] [--mode 0|1|2] [--allow-overlap] [--enable]\n"
         "  list          the stored schedule, one line per record\n"
         "  remove TITLE\n"
         "  clear\n"

@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -21,7 +23,7 @@ struct AddOptions {
     int tag = -1;
     int mode = 0;
     bool allowOverlap = false;
-    bool enable = false;
+    bool enable = false;  // --enable: switch scheduling on in the same edit
 };
 
 struct RunOptions {
@@ -45,8 +47,9 @@ struct ParseResult {
     QString error;  // set when invocation is empty
 };
 
-// `arguments` excludes the program name.
-ParseResult ParseCommandLine(const QStringList& arguments);
+// `arguments` are the bytes of argv after the program name, as the system passed them: each
+// must be UTF-8, so that nothing is silently replaced on the way in.
+ParseResult ParseCommandLine(const QList<QByteArray>& arguments);
 
 QString UsageText();
 

@@ -1,8 +1,9 @@
 #include <cstdio>
 
 #include <glog/logging.h>
+#include <QByteArray>
 #include <QCoreApplication>
-#include <QStringList>
+#include <QList>
 
 #include "CommandLine.h"
 #include "Commands.h"
@@ -15,7 +16,13 @@ int main(int argc, char** argv) {
     google::InitGoogleLogging(argv[0]);
 
     using namespace Vexlor::ScheduleTool;
-    const ParseResult parsed = ParseCommandLine(QCoreApplication::arguments().mid(1));
+    // The bytes as given: QCoreApplication::arguments() has already replaced any that are not
+    // UTF-8. The application object has taken out the arguments that were its own.
+    QList<QByteArray> arguments;
+    for (int i = 1; i < argc; ++i) {
+        arguments << QByteArray(argv[i]);
+    }
+    const ParseResult parsed = ParseCommandLine(arguments);
     if (!parsed.invocation) {
         std::fprintf(stderr, "vexlor-schedule: %s\n(vexlor-schedule help lists the commands)\n",
                      qPrintable(parsed.error));

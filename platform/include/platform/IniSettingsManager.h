@@ -17,8 +17,13 @@ namespace Vexlor::App {
 // disk (temporary file, fsync, atomic rename, directory fsync) before it returns.
 //
 // A file that cannot be read or written, or that is malformed, makes the operation throw
-// std::runtime_error naming the path and the failure; nothing is silently dropped.
-// Byte arrays round-trip exactly.
+// std::runtime_error naming the path and the failure, with the system's reason where it can
+// be found ("write failed: No space left on device"); nothing is silently dropped, and a
+// write refused for want of room leaves the file as it was. (QSettings takes a short write
+// for a whole one, so the room is checked just before writing; a disk that another process
+// fills in between can still cut the file short.) Byte arrays round-trip exactly. getBool
+// takes true, false, 1 and 0 in any case; any other stored value throws std::runtime_error
+// naming the key and the value.
 class VEXLOR_PLATFORM_EXPORT IniSettingsManager : public QK::IApplicationSettingsManager {
 public:
     explicit IniSettingsManager(const QString& filePath);
