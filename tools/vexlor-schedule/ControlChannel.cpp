@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QLocalServer>
 #include <QLocalSocket>
+#include <QPointer>
 
 namespace Vexlor::ScheduleTool {
 
@@ -51,8 +52,12 @@ void ControlServer::Serve(QLocalSocket* socket) {
     }
     socket->setProperty("served", true);
     const QByteArray request = socket->readLine(MAX_LINE).trimmed();
-    socket->write(handler(request) + '\n');
-    socket->disconnectFromServer();  // after the answer is written
+    handler(request, [socket = QPointer<QLocalSocket>(socket)](const QByteArray& answer) {
+        if (socket) {
+            socket->write(answer + '\n');
+            socket->disconnectFromServer();  // after the answer is written
+        }
+    });
 }
 
 bool ControlClient::Connect(QLocalSocket& socket, const QString& socketPath) {

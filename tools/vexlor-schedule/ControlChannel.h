@@ -16,7 +16,9 @@ namespace Vexlor::ScheduleTool {
 // per connection, one line of bytes each way. Only the user's own processes may connect.
 class ControlServer {
 public:
-    using Handler = std::function<QByteArray(const QByteArray& request)>;
+    // Calls `answer` once, now or later; an answer for a client that has gone is dropped.
+    using Handler = std::function<void(const QByteArray& request,
+                                       std::function<void(const QByteArray&)> answer)>;
 
     // Clears a socket left behind by a killed run (the caller holds the run lock, so no other
     // run listens there) and listens. Throws std::runtime_error when it cannot.

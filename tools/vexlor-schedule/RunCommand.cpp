@@ -1,13 +1,16 @@
 #include "RunCommand.h"
 
 #include <cstdio>
+#include <deque>
 #include <exception>
 #include <memory>
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QLocale>
+#include <QTimer>
 
 #include "Backends.h"
 #include "CaptureController.h"
@@ -43,6 +46,14 @@ constexpr std::chrono::seconds STORAGE_RETRY{2};
 // Far enough ahead that the scheduler, reading the clock a moment later, still sees a
 // caught-up record as starting now or later.
 constexpr Time::Microseconds CATCH_UP_MARGIN{100000};
+// The scheduler drops a record whose start has passed when it is handed a new schedule
+// before its poll requested that record. Edits wait while the next record starts within
+// this much, which is more than the catch-up margin, so the records already planned are
+// never caught up (and pushed back) by an edit.
+constexpr Time::Microseconds DUE_GUARD{150000};
+constexpr int DEFER_CHECK_MS = 10;
+// Should the record not be requested (the machine paused, say), edits wait no longer.
+constexpr qint64 DEFER_LIMIT_MS = 2000;
 
 class RunSession {
 public:
@@ -56,6 +67,9 @@ private:
     QByteArray HandleRequest(const QByteArray& bytes);
     void ApplyState(const ScheduleState& state);
     void OnFileChanged();
+    bool DueSoon() const;
+    void WhenSafe(std::function<void()> work);
+    void RunDeferred();
     void OnStorage(const std::optional<std::string>& failure);
     void Shutdown();
     void CheckIdle();
@@ -76,6 +90,9 @@ private:
     std::unique_ptr<SignalRelay> signalRelay;
     std::unique_ptr<ControlServer> control;
     QString readFailure;  // the last one reported
+    std::deque<std::function<void()>> deferred;
+    QTimer deferTimer;
+    QElapsedTimer deferredSince;
     bool idleCheckPosted = false;
     bool shuttingDown = false;
 };
@@ -141,22 +158,28 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
         settings, std::make_shared<App::FixedCustomizationManager>("vexlor-schedule"),
         std::make_shared<App::FixedLookAndFeelManager>(QLocale::system().name().toStdString()));
 
-    watcher = std::make_unique<SettingsWatcher>(path, [this] { OnFileChanged(); });
+    watcher =
+        std::make_unique<SettingsWatcher>(path, [this] { WhenSafe([this] { OnFileChanged(); }); });
+    deferTimer.setInterval(DEFER_CHECK_MS);
+    QObject::connect(&deferTimer, &QTimer::timeout, [this] { RunDeferred(); });
     // Last: from here on other processes hand their edits to this one.
-    control = std::make_unique<ControlServer>(location.socketPath, [this](
-                                                                       const QByteArray& request) {
-        try {
-            return HandleRequest(request);
-        } catch (const std::exception& error) {
-            // The edit failed, the run goes on.
-            return EncodeOutcome({EXIT_REFUSED,
-                                  {},
-                                  QStringLiteral("the running scheduler failed to carry out the "
-                                                 "edit: %1\n")
-                                      .arg(QString::fromLocal8Bit(error.what())),
-                                  std::nullopt});
-        }
-    });
+    control = std::make_unique<ControlServer>(
+        location.socketPath,
+        [this](const QByteArray& request, std::function<void(const QByteArray&)> answer) {
+            WhenSafe([this, request, answer = std::move(answer)] {
+                try {
+                    answer(HandleRequest(request));
+                } catch (const std::exception& error) {
+                    // The edit failed, the run goes on.
+                    answer(EncodeOutcome({EXIT_REFUSED,
+                                          {},
+                                          QStringLiteral("the running scheduler failed to carry "
+                                                         "out the edit: %1\n")
+                                              .arg(QString::fromLocal8Bit(error.what())),
+                                          std::nullopt}));
+                }
+            });
+        });
 
     printer.SchedulerStarted(scheduler->IsEnabled(), scheduler->GetSchedule().size());
     CheckIdle();
@@ -246,6 +269,43 @@ void RunSession::ApplyState(const ScheduleState& state) {
     }
     drops.SetKnown(running);
     CheckIdle();
+}
+
+bool RunSession::DueSoon() const {
+    // While a capture is requested or running, what begins meanwhile is dropped anyway.
+    if (!scheduler->IsEnabled() || !controller->IsIdle()) {
+        return false;
+    }
+    const QK::RecordTimeList tasks = scheduler->GetSchedule();
+    return !tasks.empty() && tasks.front().startTime <= clock.Now() + DUE_GUARD;
+}
+
+// Runs `work`, which hands a new schedule to the scheduler, once that cannot cost the next
+// record: at once, or after the scheduler has requested it. In order of arrival.
+void RunSession::WhenSafe(std::function<void()> work) {
+    if (deferred.empty() && !DueSoon()) {
+        work();
+        return;
+    }
+    if (deferred.empty()) {
+        deferredSince.start();
+        deferTimer.start();
+    }
+    deferred.push_back(std::move(work));
+}
+
+void RunSession::RunDeferred() {
+    while (!deferred.empty()) {
+        // An edit may itself plan a record that starts at once.
+        if (DueSoon() && deferredSince.elapsed() < DEFER_LIMIT_MS) {
+            return;
+        }
+        auto work = std::move(deferred.front());
+        deferred.pop_front();
+        work();
+        deferredSince.start();
+    }
+    deferTimer.stop();
 }
 
 // Someone changed the file, or it went away. This process holds the schedule and edits come
