@@ -13,10 +13,8 @@
 #include "FileLock.h"
 #include "RunCommand.h"
 #include "ScheduleLocation.h"
-#include "Scheduler/SchedulerSettings.h"
 #include "SettingsPath.h"
 #include "StoredSettings.h"
-#include "platform/IniSettingsManager.h"
 
 namespace Vexlor::ScheduleTool {
 
