@@ -11,12 +11,9 @@
 
 namespace Vexlor::ScheduleTool {
 
-CaptureController::CaptureController(QK::IScheduler& scheduler, EventPrinter& printer,
-                                     std::optional<QString> command, std::function<void()> onIdle)
-    : scheduler(scheduler),
-      printer(printer),
-      command(std::move(command)),
-      onIdle(std::move(onIdle)) {
+CaptureController::CaptureController(EventPrinter& printer, std::optional<QString> command,
+                                     std::function<void()> onIdle)
+    : printer(printer), command(std::move(command)), onIdle(std::move(onIdle)) {
     durationTimer.setSingleShot(true);
     // A coarse timer may end a capture 5 % of its length early or late.
     durationTimer.setTimerType(Qt::PreciseTimer);
@@ -30,9 +27,11 @@ CaptureController::CaptureController(QK::IScheduler& scheduler, EventPrinter& pr
 // The process, if any, kills what is left of the command.
 CaptureController::~CaptureController() = default;
 
-void CaptureController::OnRecordRequest(ExternalStimulus::Stimulus stimulus) {
-    if (pendingRequests > 0) {
-        --pendingRequests;
+void CaptureController::SendStimulus(ExternalStimulus::Stimulus stimulus) {
+    if (stimulus.name != "RECORD_SCHEDULE") {
+        printer.Line(QStringLiteral("request ignored: unknown stimulus \"%1\"")
+                         .arg(QString::fromStdString(stimulus.name)));
+        return;
     }
     printer.RecordingRequested();
     if (capturing) {
@@ -41,8 +40,20 @@ void CaptureController::OnRecordRequest(ExternalStimulus::Stimulus stimulus) {
         printer.Line(QStringLiteral("request ignored: a recording is running"));
         return;
     }
+    requested = true;
     capturing = true;
-    scheduler.BeforeCaptureStarted(nullptr, QK::CaptureSettings{}, {});
+    scheduler->BeforeCaptureStarted(nullptr, QK::CaptureSettings{}, {});
+    // Later, as a gateway does: the scheduler still has to take the record off its list.
+    QMetaObject::invokeMethod(
+        &context, [this, stimulus = std::move(stimulus)] { Deliver(stimulus); },
+        Qt::QueuedConnection);
+}
+
+void CaptureController::Deliver(const ExternalStimulus::Stimulus& stimulus) {
+    requested = false;
+    if (!capturing) {
+        return;  // stopped before it began
+    }
     startedRecord.reset();
     if (stimulus.callback) {
         stimulus.callback();
@@ -113,6 +124,11 @@ void CaptureController::Stop(std::function<void()> done) {
         return;
     }
     afterStop = std::move(done);
+    if (requested) {
+        printer.Line(QStringLiteral("stopped before the requested recording began"));
+        Finish(QString());
+        return;
+    }
     if (!process || !process->IsRunning()) {
         Finish(QStringLiteral("simulated, stopped"));
         return;
@@ -135,7 +151,7 @@ void CaptureController::Finish(const QString& how) {
     // The finished process object stays until the next capture: this may run inside its
     // own signal.
     capturing = false;
-    scheduler.AfterCaptureStopped(nullptr);
+    scheduler->AfterCaptureStopped(nullptr);
     if (afterStop) {
         auto done = std::move(afterStop);
         afterStop = nullptr;

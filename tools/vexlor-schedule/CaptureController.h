@@ -15,27 +15,31 @@
 
 namespace Vexlor::ScheduleTool {
 
-// Stands in for the application's capture controller. On a "RECORD_SCHEDULE" request it
-// tells the scheduler that a capture starts, runs the request's callback (which tells the
-// scheduler's observers, this one among them, which recording starts and for how long),
-// and runs the capture: COMMAND under /bin/sh with the recording in its environment, or a
-// simulated capture. The capture ends when the command exits or its duration is over; then
-// the scheduler hears AfterCaptureStopped.
-class CaptureController : public QK::ISchedulerObserver {
+// Stands in for the application's capture controller, and is the gateway through which the
+// scheduler asks for captures, so that one object owns a request from the stimulus to
+// AfterCaptureStopped. On "RECORD_SCHEDULE" it tells the scheduler at once that a capture
+// starts (no second request can follow), and from the event loop runs the request's
+// callback (which tells the scheduler's observers, this one among them, which recording
+// starts and for how long) and the capture: COMMAND under /bin/sh with the recording in its
+// environment, or a simulated capture. The capture ends when the command exits or at the
+// planned end; then the scheduler hears AfterCaptureStopped.
+class CaptureController : public QK::ISchedulerObserver, public ExternalStimulus::IGateway {
 public:
     static constexpr int KILL_DELAY_MS = CaptureProcess::KILL_DELAY_MS;
 
-    CaptureController(QK::IScheduler& scheduler, EventPrinter& printer,
-                      std::optional<QString> command, std::function<void()> onIdle);
+    CaptureController(EventPrinter& printer, std::optional<QString> command,
+                      std::function<void()> onIdle);
     ~CaptureController() override;
 
     CaptureController(const CaptureController&) = delete;
     CaptureController& operator=(const CaptureController&) = delete;
 
-    // The gateway's handler for "RECORD_SCHEDULE".
-    void OnRecordRequest(ExternalStimulus::Stimulus stimulus);
-    // Called when a request is sent, before the gateway delivers it.
-    void NoteRequestSent() { ++pendingRequests; }
+    // The scheduler whose requests this serves; before its first request.
+    void Attach(QK::IScheduler& served) { scheduler = &served; }
+
+    void SendStimulus(ExternalStimulus::Stimulus stimulus) override;
+    // A request was sent and its capture has not begun yet.
+    bool RequestInFlight() const { return requested; }
 
     void OnScheduledCaptureStarted(const QK::RecordTime& record) override;
 
@@ -45,25 +49,27 @@ public:
     }
 
     // No capture runs and none is on its way.
-    bool IsIdle() const { return !capturing && pendingRequests == 0; }
+    bool IsIdle() const { return !capturing; }
 
     // Ends a running capture (the command gets SIGTERM, SIGKILL 5 s later) and calls `done`
     // once it has ended and the scheduler was told; at once when none runs.
     void Stop(std::function<void()> done);
 
 private:
+    void Deliver(const ExternalStimulus::Stimulus& stimulus);
     void Begin(const QK::RecordTime& record);
     bool ArmDurationLeg();
     void EndByDuration();
     void Finish(const QString& how);
 
-    QK::IScheduler& scheduler;
+    QK::IScheduler* scheduler = nullptr;
     EventPrinter& printer;
     std::optional<QString> command;
     std::function<void()> onIdle;
 
-    int pendingRequests = 0;
-    bool capturing = false;
+    QObject context;  // deliveries still queued die with the controller
+    bool requested = false;
+    bool capturing = false;  // from the request to AfterCaptureStopped
     std::optional<QK::RecordTime> startedRecord;
     QString currentTitle;
     QTimer durationTimer;

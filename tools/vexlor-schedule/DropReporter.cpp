@@ -21,12 +21,10 @@ void DropReporter::OnScheduleChanged(const QK::RecordTimeList& schedule) {
             removed.push_back(record);
         }
     }
-    // The scheduler takes a requested record off the front of its list right after the
-    // request; that one runs, it is not dropped.
-    if (requestPending && !removed.empty() && !known.empty() && removed.front() == known.front()) {
+    if (requestInFlight() && !removed.empty() && !known.empty() &&
+        removed.front() == known.front()) {
         removed.erase(removed.begin());
     }
-    requestPending = false;
     known = schedule;
     if (!removed.empty()) {
         printer.RecordsDropped(removed);

@@ -12,23 +12,25 @@ namespace Vexlor::ScheduleTool {
 // during another capture.
 class DropReporter : public QK::ICaptureSchedulerSettingsObserver {
 public:
-    DropReporter(EventPrinter& printer, std::function<void()> onChange)
-        : printer(printer), onChange(std::move(onChange)) {}
+    // `requestInFlight` tells whether a capture was just requested: the scheduler then takes
+    // that record off the front of its list, and it runs rather than being dropped.
+    DropReporter(EventPrinter& printer, std::function<bool()> requestInFlight,
+                 std::function<void()> onChange)
+        : printer(printer),
+          requestInFlight(std::move(requestInFlight)),
+          onChange(std::move(onChange)) {}
 
     // The schedule the scheduler is working from, before it filters it.
     void SetKnown(const QK::RecordTimeList& schedule) { known = schedule; }
-
-    // A capture was just requested; the scheduler removes that record next.
-    void NoteRequest() { requestPending = true; }
 
     void OnSchedulerEnabledChanged(bool enabled) override;
     void OnScheduleChanged(const QK::RecordTimeList& schedule) override;
 
 private:
     EventPrinter& printer;
+    std::function<bool()> requestInFlight;
     std::function<void()> onChange;
     QK::RecordTimeList known;
-    bool requestPending = false;
 };
 
 }  // namespace Vexlor::ScheduleTool

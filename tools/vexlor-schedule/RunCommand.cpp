@@ -22,7 +22,6 @@
 #include "EventPrinter.h"
 #include "FileLock.h"
 #include "RecordText.h"
-#include "RequestGateway.h"
 #include "Scheduler/NotificationHelper.h"
 #include "Scheduler/Scheduler.h"
 #include "Scheduler/SchedulerSettings.h"
@@ -33,14 +32,12 @@
 #include "platform/FixedUiSettings.h"
 #include "platform/IniSettingsManager.h"
 #include "platform/QtDurationTimer.h"
-#include "platform/QueuedGateway.h"
 #include "platform/RetryingSettingsManager.h"
 
 namespace Vexlor::ScheduleTool {
 
 namespace {
 
-const std::string RECORD_SCHEDULE = "RECORD_SCHEDULE";
 constexpr std::chrono::seconds EDIT_LOCK_PATIENCE{30};
 constexpr std::chrono::seconds STORAGE_RETRY{2};
 // Far enough ahead that the scheduler, reading the clock a moment later, still sees a
@@ -79,12 +76,13 @@ private:
     Time::SystemClock clock;
     QObject context;  // queued checks die with the session
     EventPrinter printer{stdout};
-    DropReporter drops{printer, [this] { CheckIdle(); }};
+    DropReporter drops{printer, [this] { return controller && controller->RequestInFlight(); },
+                       [this] { CheckIdle(); }};
     std::shared_ptr<App::RetryingSettingsManager> storage;
     std::shared_ptr<QK::SchedulerSettings> settings;
-    std::shared_ptr<ExternalStimulus::QueuedGateway> queuedGateway;
+    // The scheduler holds the controller as its gateway, so the controller outlives it.
+    std::shared_ptr<CaptureController> controller;
     std::shared_ptr<QK::Scheduler> scheduler;
-    std::unique_ptr<CaptureController> controller;
     std::unique_ptr<QK::NotificationHelper> notices;
     std::unique_ptr<SettingsWatcher> watcher;
     std::unique_ptr<SignalRelay> signalRelay;
@@ -133,26 +131,17 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
         MakePresenterCreator(options.notice.value_or(DefaultNoticeChoice()),
                              [this](const QString& line) { printer.Notice(line); }));
 
-    queuedGateway = std::make_shared<ExternalStimulus::QueuedGateway>();
-    auto gateway = std::make_shared<RequestGateway>(queuedGateway, [this](const std::string& name) {
-        if (name == RECORD_SCHEDULE) {
-            drops.NoteRequest();
-            controller->NoteRequestSent();
-        }
-    });
+    controller =
+        std::make_shared<CaptureController>(printer, options.exec, [this] { CheckIdle(); });
     const bool leadEnabled = options.lead.count() > 0;
     scheduler = std::make_shared<QK::Scheduler>(
-        settings, std::make_shared<QK::FixedUiSettings>(leadEnabled, options.lead), gateway,
+        settings, std::make_shared<QK::FixedUiSettings>(leadEnabled, options.lead), controller,
         MakePowerManager(options.keepAwake,
                          [this](bool sleepPrevented) { printer.SleepChanged(sleepPrevented); }),
         std::make_shared<Time::SystemClock>(), std::make_shared<Time::QtDurationTimer>());
 
-    controller = std::make_unique<CaptureController>(*scheduler, printer, options.exec,
-                                                     [this] { CheckIdle(); });
+    controller->Attach(*scheduler);
     scheduler->RegisterEventHandler(controller.get());
-    queuedGateway->RegisterHandler(RECORD_SCHEDULE, [this](ExternalStimulus::Stimulus stimulus) {
-        controller->OnRecordRequest(std::move(stimulus));
-    });
 
     notices = std::make_unique<QK::NotificationHelper>(
         settings, std::make_shared<App::FixedCustomizationManager>("vexlor-schedule"),
@@ -198,9 +187,7 @@ RunSession::~RunSession() {
     signalRelay.reset();
     watcher.reset();
     notices.reset();
-    queuedGateway->UnregisterHandler(RECORD_SCHEDULE);
     scheduler->UnregisterEventHandler(controller.get());
-    controller.reset();
     settings->UnregisterEventHandler(&drops);
     scheduler.reset();
 }
