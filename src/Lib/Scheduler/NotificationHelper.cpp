@@ -1,5 +1,6 @@
 #include "NotificationHelperImpl.h"
 
+#include <chrono>
 #include <ctime>
 #include <exception>
 #include <string>
@@ -52,10 +53,12 @@ namespace {
 
 const QString TIME_COLOR = QStringLiteral("#00bef9");
 
-// Leads in microseconds; both bounds of the notice interval belong to it.
-constexpr long long NOTICE_LEAD_MAX = 16200000000LL;  // 4 h 30 min
-constexpr long long NOTICE_LEAD_MIN = 12600000000LL;  // 3 h 30 min
-constexpr long long WITHDRAW_LEAD = 30000000LL;       // 30 s
+using namespace std::chrono_literals;
+
+// Both bounds of the notice interval belong to it.
+constexpr Time::Microseconds NOTICE_LEAD_MAX = 4h + 30min;
+constexpr Time::Microseconds NOTICE_LEAD_MIN = 3h + 30min;
+constexpr Time::Microseconds WITHDRAW_LEAD = 30s;
 
 }  // namespace
 
@@ -94,23 +97,17 @@ void NotificationHelper::Impl::OnTimeout() {
 void NotificationHelper::Impl::ShowScheduleNotification() {
     const RecordTimeList schedule = settings->GetSchedule();
     if (schedule.empty()) {
-        if (notificationShown) {
-            presenter->Hide(notification);
-            notificationShown = false;
-        }
+        Withdraw();
         return;
     }
 
     // The stored order decides which record is first; it is deliberately not searched.
     const RecordTime& first = schedule.front();
     const Time::TimePoint now = Time::SystemClock().Now();
-    const long long lead = Core::SaturatingDiff(first.startTime, now).count();
+    const Time::Microseconds lead = Core::SaturatingDiff(first.startTime, now);
 
     if (lead <= WITHDRAW_LEAD) {
-        if (notificationShown) {
-            presenter->Hide(notification);
-            notificationShown = false;
-        }
+        Withdraw();
         return;
     }
     if (lead < NOTICE_LEAD_MIN || lead > NOTICE_LEAD_MAX) {
@@ -118,11 +115,9 @@ void NotificationHelper::Impl::ShowScheduleNotification() {
     }
     if (first.startTime != lastStartTime) {
         lastStartTime = first.startTime;
-        if (notificationShown) {
-            // The notice on the screen is about another recording; this one's follows on
-            // the next tick.
-            presenter->Hide(notification);
-            notificationShown = false;
+        // A notice on the screen is about another recording; this one's follows on the
+        // next tick.
+        if (Withdraw()) {
             return;
         }
     }
@@ -132,6 +127,15 @@ void NotificationHelper::Impl::ShowScheduleNotification() {
     notification = MakeNotification(first);
     presenter->Show(notification);
     notificationShown = true;
+}
+
+bool NotificationHelper::Impl::Withdraw() {
+    if (!notificationShown) {
+        return false;
+    }
+    presenter->Hide(notification);
+    notificationShown = false;
+    return true;
 }
 
 std::shared_ptr<DesktopNotification::INotification> NotificationHelper::Impl::MakeNotification(

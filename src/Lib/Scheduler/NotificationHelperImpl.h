@@ -46,6 +46,8 @@ public:
 
     // One check of the stored schedule; run by the timer.
     void ShowScheduleNotification();
+    // Hides the notice on the screen, if any; true when there was one.
+    bool Withdraw();
     // The timer's slot: a tick that keeps any exception away from the event loop.
     void OnTimeout();
 
