@@ -72,7 +72,7 @@ NotificationHelper::Impl::Impl(
       presenter(DesktopNotification::Presenter::Factory::GetInstance()
                     .CreateNativePresenterOrCustomWithParams(
                         0, 1, QStringLiteral("SchedulerNotifications"))) {
-    timer.setInterval(CHECK_INTERVAL_MS);
+    timer.setInterval(CHECK_INTERVAL);
     timer.setSingleShot(false);
     // The timer is the context object, so the connection dies with it and no tick can
     // reach a half-destroyed Impl.

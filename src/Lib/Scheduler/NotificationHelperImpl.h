@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include <QString>
@@ -37,7 +38,7 @@ namespace Vexlor::QK {
 
 class NotificationHelper::Impl {
 public:
-    static constexpr int CHECK_INTERVAL_MS = 10000;
+    static constexpr std::chrono::milliseconds CHECK_INTERVAL{10000};
 
     Impl(const std::shared_ptr<ICaptureSchedulerSettings>& settings,
          const std::shared_ptr<App::ICustomizationManager>& customizationManager,
