@@ -1,5 +1,7 @@
 #pragma once
 
+#include <signal.h>
+
 #include <memory>
 
 #include <gtest/gtest.h>
@@ -27,12 +29,26 @@ protected:
     QProcessEnvironment Environment() const {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"));
-        // Buses that refuse at once: no notices or sleep locks on the machine running the tests.
-        for (const char* bus : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) {
-            environment.insert(bus, QStringLiteral("unix:path=") + FilePath("no-bus"));
+        if (!inheritBuses) {
+            // By default buses that refuse at once: no notices or sleep locks on the machine
+            // running the tests.
+            const QString address = busAddress.isEmpty()
+                                        ? QStringLiteral("unix:path=") + FilePath("no-bus")
+                                        : busAddress;
+            for (const char* bus : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) {
+                environment.insert(bus, address);
+            }
         }
         return environment;
     }
+
+    // Both buses at `address` for the programs started from now on.
+    void UseBuses(const QString& address) {
+        busAddress = address;
+        inheritBuses = false;
+    }
+    // The buses of the test process itself (a private bus with fake services, say).
+    void InheritBuses() { inheritBuses = true; }
 
     // The settings file is named with --settings, or else through the environment.
     std::unique_ptr<QProcess> Start(const QStringList& arguments) {
@@ -56,6 +72,12 @@ protected:
         EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
         return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
                 QString::fromUtf8(process.readAllStandardError())};
+    }
+
+    // Stops a running `run` as SIGTERM does and takes what it printed since it was last read.
+    Outcome Stop(QProcess& run) {
+        ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
+        return Finish(run);
     }
 
     Outcome Run(const QStringList& arguments, int timeoutMs = 20000) {
@@ -89,6 +111,8 @@ protected:
 
     QTemporaryDir folder;
     bool settingsFromEnvironment = false;
+    QString busAddress;
+    bool inheritBuses = false;
 };
 
 inline bool ProcessEnded(long long pid) {

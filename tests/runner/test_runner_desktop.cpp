@@ -6,6 +6,7 @@
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
 
+#include "RunnerHarness.h"
 #include "fakes/FakeDBusServices.h"
 #include "fakes/SilentBus.h"
 
@@ -14,74 +15,43 @@
 namespace {
 
 using Vexlor::Testing::FakeBusServices;
+using Vexlor::Testing::Outcome;
+using Vexlor::Testing::RunnerTest;
 using Vexlor::Testing::SilentBus;
 
 const QString NO_LOGIND = QStringLiteral("logind does not answer on the system bus");
 const QString NO_NOTICES = QStringLiteral("no notification service answers on the session bus");
 
-class DesktopRunnerTest : public testing::Test {
+class DesktopRunnerTest : public RunnerTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(folder.isValid()); }
-
-    std::unique_ptr<QProcess> Start(const QStringList& arguments) {
-        auto process = std::make_unique<QProcess>();
-        process->setProcessEnvironment(environment);
-        process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM),
-                       QStringList{QStringLiteral("--settings"),
-                                   folder.filePath(QStringLiteral("settings.ini"))} +
-                           arguments);
-        EXPECT_TRUE(process->waitForStarted(5000));
-        return process;
+    void SetUp() override {
+        RunnerTest::SetUp();
+        InheritBuses();
     }
 
-    int Run(const QStringList& arguments) {
-        auto process = Start(arguments);
-        EXPECT_TRUE(process->waitForFinished(10000));
-        return process->exitCode();
-    }
-
-    // Reads both channels of `process` until standard output holds `needle`.
     bool WaitForOutput(QProcess& process, const QString& needle, int timeoutMs) {
-        QElapsedTimer clock;
-        clock.start();
-        while (!seen.contains(needle) && clock.elapsed() < timeoutMs) {
-            process.waitForReadyRead(50);
-            Collect(process);
-        }
-        return seen.contains(needle);
+        return RunnerTest::WaitForOutput(process, seen, needle, timeoutMs);
     }
 
-    void Collect(QProcess& process) {
-        seen += QString::fromUtf8(process.readAllStandardOutput());
-        warnings += QString::fromUtf8(process.readAllStandardError());
+    // Ends `run`, which must exit 0, and keeps everything it wrote to standard error.
+    void StopRun(QProcess& process) {
+        const Outcome stopped = Stop(process);
+        EXPECT_EQ(stopped.exitCode, 0);
+        seen += stopped.out;
+        warnings = stopped.err;
     }
 
-    void Stop(QProcess& process) {
-        ::kill(static_cast<pid_t>(process.processId()), SIGTERM);
-        ASSERT_TRUE(process.waitForFinished(5000));
-        EXPECT_EQ(process.exitCode(), 0);
-        Collect(process);
-    }
-
-    // Both buses at `address` for the programs started from now on.
-    void UseBuses(const QString& address) {
-        environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
-        environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), address);
-    }
-
-    QTemporaryDir folder;
     FakeBusServices services;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     QString seen;      // standard output so far
-    QString warnings;  // standard error so far
+    QString warnings;  // standard error, once stopped
 };
 
 TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
     ASSERT_TRUE(services.PublishNotifications());
     ASSERT_TRUE(services.PublishLogin());
     // Within the notice window from the helper's first check, 10 s after the start.
-    ASSERT_EQ(Run({"add", "Later", "--in", "4h"}), 0);
-    ASSERT_EQ(Run({"enable"}), 0);
+    ASSERT_EQ(Run({"add", "Later", "--in", "4h"}).exitCode, 0);
+    ASSERT_EQ(Run({"enable"}).exitCode, 0);
     auto run = Start({"run"});
 
     ASSERT_TRUE(WaitForOutput(*run, "sleep prevented: logind lock taken", 5000))
@@ -104,7 +74,7 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
 
     // Emptying the schedule from another process ends the armed period at once and withdraws
     // the notice at the helper's next check.
-    ASSERT_EQ(Run({"remove", "Later"}), 0);
+    ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
     ASSERT_TRUE(WaitForOutput(*run, "sleep allowed: logind lock released", 3000))
         << seen.toStdString();
     EXPECT_TRUE(services.login.Released(0, 1000));
@@ -113,7 +83,7 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
     EXPECT_EQ(services.notifications.Closed(), std::vector<uint>{notices[0].returnedId});
     EXPECT_EQ(services.login.Inhibitions().size(), 1u);
 
-    Stop(*run);
+    StopRun(*run);
     EXPECT_TRUE(warnings.isEmpty()) << warnings.toStdString();
 }
 
@@ -123,8 +93,8 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
 TEST_F(DesktopRunnerTest, BusesThatNeverAnswerCostTwoSecondsOnceAndTheRecordingRuns) {
     SilentBus bus;
     UseBuses(QString::fromStdString(bus.Address()));
-    ASSERT_EQ(Run({"add", "Soon", "--in", "3s", "--for", "1s"}), 0);
-    ASSERT_EQ(Run({"enable"}), 0);
+    ASSERT_EQ(Run({"add", "Soon", "--in", "3s", "--for", "1s"}).exitCode, 0);
+    ASSERT_EQ(Run({"enable"}).exitCode, 0);
 
     QElapsedTimer sinceStart;
     sinceStart.start();
@@ -137,7 +107,7 @@ TEST_F(DesktopRunnerTest, BusesThatNeverAnswerCostTwoSecondsOnceAndTheRecordingR
     ASSERT_TRUE(WaitForOutput(*run, "recording started: \"Soon\"", 4000)) << seen.toStdString();
     ASSERT_TRUE(WaitForOutput(*run, "recording finished: \"Soon\"", 4000)) << seen.toStdString();
     EXPECT_FALSE(seen.contains("records dropped")) << seen.toStdString();
-    Stop(*run);
+    StopRun(*run);
 
     EXPECT_EQ(warnings.count(NO_LOGIND), 1) << warnings.toStdString();
     EXPECT_EQ(warnings.count(NO_NOTICES), 1) << warnings.toStdString();
@@ -165,15 +135,15 @@ TEST_P(DesktopRunnerWithoutLock, NoLineSaysThatSleepIsPreventedOrAllowed) {
     if (GetParam().logind) {
         ASSERT_TRUE(services.PublishLogin());
     }
-    ASSERT_EQ(Run({"add", "Later", "--in", "4h"}), 0);
-    ASSERT_EQ(Run({"enable"}), 0);
+    ASSERT_EQ(Run({"add", "Later", "--in", "4h"}).exitCode, 0);
+    ASSERT_EQ(Run({"enable"}).exitCode, 0);
     auto run = Start(QStringList{"run"} + GetParam().options);
     ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000))
         << seen.toStdString();
-    ASSERT_EQ(Run({"disable"}), 0);
+    ASSERT_EQ(Run({"disable"}).exitCode, 0);
     ASSERT_TRUE(WaitForOutput(*run, "settings changed: scheduling off", 3000))
         << seen.toStdString();
-    Stop(*run);
+    StopRun(*run);
 
     EXPECT_FALSE(seen.contains("sleep")) << seen.toStdString();
     EXPECT_TRUE(services.login.Inhibitions().empty());

@@ -30,8 +30,7 @@ protected:
     }
 
     Outcome Stop(QProcess& run) {
-        ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
-        Outcome stopped = Finish(run);
+        Outcome stopped = RunnerTest::Stop(run);
         seen += stopped.out;
         return stopped;
     }
