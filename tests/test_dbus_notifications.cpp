@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <QElapsedTimer>
 
-#include "Scheduler/NotificationHelperImpl.h"
 #include "fakes/FakeDBusServices.h"
+#include "fakes/TextNotice.h"
 #include "platform/DBusNotificationPresenter.h"
 
 namespace Vexlor::DesktopNotification {
@@ -16,7 +16,7 @@ const QString APP = QStringLiteral("vexlor-schedule");
 const char* const TEXT = "A recording is scheduled for 14:05.";
 
 std::shared_ptr<INotification> Notice(const char* title, const char* text = TEXT) {
-    return std::make_shared<Notification::Information>(title, text);
+    return std::make_shared<Testing::TextNotice>(title, text);
 }
 
 class DBusPresenter : public testing::Test {

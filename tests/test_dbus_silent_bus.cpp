@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <QElapsedTimer>
 
-#include "Scheduler/NotificationHelperImpl.h"
 #include "fakes/SilentBus.h"
+#include "fakes/TextNotice.h"
 #include "platform/BusProbe.h"
 #include "platform/DBusNotificationPresenter.h"
 #include "platform/LogindPowerManager.h"
@@ -54,7 +54,7 @@ TEST(SilentBuses, EachBusCostsOneBoundOnceAndBothAreCheckedSideBySide) {
     power.PreventSleep();
     EXPECT_FALSE(power.IsSleepPrevented());
     DesktopNotification::DBusNotificationPresenter presenter(WHO);
-    auto notice = std::make_shared<DesktopNotification::Notification::Information>("title", "text");
+    auto notice = std::make_shared<Vexlor::Testing::TextNotice>("title", "text");
     presenter.Show(notice);
     presenter.Hide(notice);
     EXPECT_LT(elapsed.elapsed(), 500);
