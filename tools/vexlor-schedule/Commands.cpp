@@ -9,6 +9,7 @@
 #include <QLocalSocket>
 
 #include "ControlChannel.h"
+#include "Diagnostics.h"
 #include "Edit.h"
 #include "FileLock.h"
 #include "RunCommand.h"
@@ -26,7 +27,7 @@ constexpr int RUN_ANSWER_PATIENCE_MS = 30000;
 int Print(const EditOutcome& outcome) {
     std::fputs(outcome.out.toUtf8().constData(), stdout);
     for (const QString& line : outcome.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        std::fprintf(stderr, "vexlor-schedule: %s\n", line.toUtf8().constData());
+        Error(line);
     }
     return outcome.exitCode;
 }

@@ -1,9 +1,10 @@
 #pragma once
 
-#include <cstdio>
 #include <exception>
 
 #include <QCoreApplication>
+
+#include "Diagnostics.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -18,7 +19,7 @@ public:
         try {
             return QCoreApplication::notify(receiver, event);
         } catch (const std::exception& error) {
-            std::fprintf(stderr, "vexlor-schedule: %s\n", error.what());
+            Error(error.what());
             QCoreApplication::exit(1);
             return false;
         }
