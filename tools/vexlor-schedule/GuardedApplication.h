@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 
+#include "Commands.h"
 #include "Diagnostics.h"
 
 namespace Vexlor::ScheduleTool {
@@ -20,7 +21,7 @@ public:
             return QCoreApplication::notify(receiver, event);
         } catch (const std::exception& error) {
             Error(error.what());
-            QCoreApplication::exit(1);
+            QCoreApplication::exit(EXIT_REFUSED);
             return false;
         }
     }
