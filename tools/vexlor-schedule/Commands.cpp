@@ -99,7 +99,9 @@ int Edit(const ScheduleLocation& location, const EditRequest& request) {
 
 int Execute(const Invocation& invocation) {
     if (invocation.command == CommandName::Help) {
-        std::fputs(qPrintable(UsageText()), stdout);
+        const QString help =
+            invocation.helpFor ? CommandHelpText(*invocation.helpFor) : UsageText();
+        std::fputs(qPrintable(help), stdout);
         return EXIT_DONE;
     }
     const QString path = SettingsPathForProcess(invocation.settingsFile);
