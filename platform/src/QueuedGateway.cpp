@@ -4,7 +4,8 @@
 
 #include <QMetaObject>
 #include <QObject>
-#include <QtGlobal>
+
+#include "Logging.h"
 
 namespace Vexlor::ExternalStimulus {
 
@@ -42,7 +43,8 @@ void QueuedGateway::Deliver(Stimulus stimulus) {
         }
     }
     if (!handler) {
-        qWarning("QueuedGateway: no handler for stimulus \"%s\"; dropped", stimulus.name.c_str());
+        qCWarning(Platform::lcPlatform, "QueuedGateway: no handler for stimulus \"%s\"; dropped",
+                  stimulus.name.c_str());
         return;
     }
     // Copied out, so a handler may unregister itself or others.

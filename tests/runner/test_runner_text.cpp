@@ -1,6 +1,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <array>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <QProcess>
@@ -207,6 +209,193 @@ INSTANTIATE_TEST_SUITE_P(
                      {"add", "T", "--in", "1h", "--enable=yes"},
                      "refused: add: unknown option --enable"}),
     [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
+
+// A whole parse in one line: "refused: <error>", "help" or "help add", or the command with
+// what differs from the defaults ("settings=a.ini add T in=1h tag=5 enable").
+std::string Describe(const ParseResult& parsed) {
+    if (!parsed.invocation) {
+        return "refused: " + parsed.error.toStdString();
+    }
+    static const char* const words[] = {"add",     "list",   "remove", "clear", "enable",
+                                        "disable", "status", "run",    "help"};
+    const Invocation& invocation = *parsed.invocation;
+    std::string text;
+    if (invocation.settingsFile) {
+        text = "settings=" + invocation.settingsFile->toStdString() + " ";
+    }
+    text += words[static_cast<int>(invocation.command)];
+    const auto append = [&text](bool shown, const std::string& what) {
+        text += shown ? " " + what : "";
+    };
+    const auto duration = [](Microseconds value) { return FormatDuration(value).toStdString(); };
+    const AddOptions& add = invocation.add;
+    const RunOptions& run = invocation.run;
+    switch (invocation.command) {
+        case CommandName::Help:
+            append(invocation.helpFor.has_value(),
+                   words[static_cast<int>(invocation.helpFor.value_or(CommandName::Help))]);
+            break;
+        case CommandName::Add:
+            append(true, add.title.toStdString());
+            append(add.at.has_value(),
+                   "at=" +
+                       std::to_string(
+                           add.at.value_or(Time::TimePoint()).time_since_epoch().count() / SECOND));
+            append(add.in.has_value(), "in=" + duration(add.in.value_or(Microseconds(0))));
+            append(add.duration.count() != 0, "for=" + duration(add.duration));
+            append(add.tag != -1, "tag=" + std::to_string(add.tag));
+            append(add.mode != 0, "mode=" + std::to_string(add.mode));
+            append(add.allowOverlap, "overlap");
+            append(add.enable, "enable");
+            break;
+        case CommandName::Remove:
+            append(true, invocation.removeTitle.toStdString());
+            break;
+        case CommandName::Run:
+            append(run.lead.count() != 0, "lead=" + duration(run.lead));
+            append(run.exec.has_value(), "exec=" + run.exec.value_or(QString()).toStdString());
+            append(run.notice.has_value(),
+                   std::string("notify=") +
+                       std::array{
+                           "desktop", "console",
+                           "none"}[static_cast<int>(run.notice.value_or(NoticeChoice::Desktop))]);
+            append(run.untilEmpty, "until-empty");
+            append(!run.keepAwake, "no-keep-awake");
+            break;
+        default:
+            break;
+    }
+    return text;
+}
+
+struct CommandRow {
+    const char* name;
+    QList<QByteArray> arguments;
+    std::string described;
+};
+
+void PrintTo(const CommandRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ParseCommandTest : public testing::TestWithParam<CommandRow> {};
+
+TEST_P(ParseCommandTest, ReadsEachCommandAsDocumented) {
+    const ZoneGuard zone("UTC");
+    EXPECT_EQ(Describe(ParseCommandLine(GetParam().arguments)), GetParam().described);
+}
+
+const std::string NOT_A_DURATION = "is not a duration (write it like 90s, 30m, 1h30m or 0)";
+
+// Values are the next argument whatever it holds; a single dash starts no option.
+INSTANTIATE_TEST_SUITE_P(
+    Global, ParseCommandTest,
+    testing::Values(
+        CommandRow{"LastSettingsCounts",
+                   {"--settings", "a.ini", "--settings=b.ini", "list"},
+                   "settings=b.ini list"},
+        CommandRow{"SettingsAsGiven", {"--settings", "-x", "status"}, "settings=-x status"},
+        CommandRow{"SettingsEmpty", {"--settings=", "list"}, "refused: --settings needs a file"},
+        CommandRow{"SettingsLast", {"--settings"}, "refused: --settings needs a file"},
+        CommandRow{"NoCommand", {"--settings", "a.ini"}, "refused: no command given"},
+        CommandRow{"UnknownOption", {"--bogus", "list"}, "refused: unknown command \"--bogus\""},
+        CommandRow{"Dashes", {"--", "list"}, "refused: unknown command \"--\""},
+        CommandRow{"SettingsAfterCommand",
+                   {"list", "--settings", "a.ini"},
+                   "refused: list takes no arguments, got \"--settings\""},
+        CommandRow{"Help", {"help"}, "help"}, CommandRow{"DashedHelp", {"--help"}, "help"},
+        CommandRow{"ShortHelp", {"-h"}, "help"},
+        CommandRow{"HelpTakesNothing",
+                   {"--help", "--settings", "a.ini"},
+                   "refused: --help takes no arguments, got \"--settings\""},
+        CommandRow{
+            "PlainTakesNothing", {"clear", "--"}, "refused: clear takes no arguments, got \"--\""}),
+    [](const testing::TestParamInfo<CommandRow>& info) { return std::string(info.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Add, ParseCommandTest,
+    testing::Values(
+        CommandRow{"EveryOption",
+                   {"add", "T", "--at", "2030-01-31 18:30", "--for=1h30m", "--tag", "7", "--mode=2",
+                    "--allow-overlap", "--enable"},
+                   "add T at=1896114600 for=1h30m tag=7 mode=2 overlap enable"},
+        CommandRow{"ValuesAndTitleAsGiven",
+                   {"add", "--tag", "-5", "--in", "1h", "-x"},
+                   "add -x in=1h tag=-5"},
+        CommandRow{"LastValueCounts",
+                   {"add", "T", "--in", "1h", "--tag", "1", "--tag=2", "--for", "5m", "--for", "0"},
+                   "add T in=1h tag=2"},
+        CommandRow{
+            "EmptyAfterEquals", {"add", "T", "--in="}, "refused: --in: \"\" " + NOT_A_DURATION},
+        CommandRow{"ValueLikeAnOption",
+                   {"add", "T", "--in", "1h", "--tag", "--mode"},
+                   "refused: --tag: \"--mode\" is not a whole number"},
+        CommandRow{"MissingValue", {"add", "T", "--in"}, "refused: --in needs a value"},
+        CommandRow{"UnknownOption",
+                   {"add", "T", "--in", "1h", "--colour=red"},
+                   "refused: add: unknown option --colour"},
+        CommandRow{
+            "TripleDash", {"add", "---x", "T", "--in", "1h"}, "refused: add: unknown option ---x"},
+        CommandRow{"FlagWithValue",
+                   {"add", "T", "--in", "1h", "--allow-overlap=1"},
+                   "refused: add: unknown option --allow-overlap"},
+        CommandRow{"TitleAfterDashes", {"add", "--in", "1h", "--", "--old"}, "add --old in=1h"},
+        CommandRow{"NoOptionAfterDashes",
+                   {"add", "--", "T", "--in", "1h"},
+                   "refused: add takes one title; \"--in\" is one too many"},
+        CommandRow{"SecondTitle",
+                   {"add", "A", "-b", "--in", "1h"},
+                   "refused: add takes one title; \"-b\" is one too many"},
+        CommandRow{"AtAndIn",
+                   {"add", "T", "--at", "2030-01-31 18:30", "--in", "1h"},
+                   "refused: add takes one of --at and --in, once"},
+
+        CommandRow{"EmptyTitle",
+                   {"add", "", "--in", "1h"},
+                   "refused: add needs a title that is not empty"}),
+    [](const testing::TestParamInfo<CommandRow>& info) { return std::string(info.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    RemoveAndRun, ParseCommandTest,
+    testing::Values(
+        CommandRow{"RemoveTitleLikeAnOption", {"remove", "--old"}, "remove --old"},
+        CommandRow{"RemoveSingleDash", {"remove", "-x"}, "remove -x"},
+        CommandRow{"RemoveNothing", {"remove"}, "refused: remove needs a title"},
+        CommandRow{"RemoveDashesLater", {"remove", "a", "--"}, "refused: remove takes one title"},
+        CommandRow{"RunEveryOption",
+                   {"run", "--lead=5m", "--exec", "echo hi", "--notify", "console", "--until-empty",
+                    "--no-keep-awake"},
+                   "run lead=5m exec=echo hi notify=console until-empty no-keep-awake"},
+        CommandRow{"RunValueAsGiven", {"run", "--exec", "--until-empty"}, "run exec=--until-empty"},
+        CommandRow{"RunBadNotice",
+                   {"run", "--notify=loud"},
+                   "refused: --notify must be desktop, console or none"},
+        CommandRow{"RunBlankCommand", {"run", "--exec= "}, "refused: --exec needs a command"},
+        CommandRow{"RunFlagWithValue",
+                   {"run", "--until-empty=x"},
+                   "refused: run: unknown argument --until-empty=x"},
+        CommandRow{"RunWord", {"run", "--lead", "1m", "now"}, "refused: run: unknown argument now"},
+        CommandRow{"RunMissingValue", {"run", "--exec"}, "refused: --exec needs a value"},
+        CommandRow{
+            "RunBadLead", {"run", "--lead", "5"}, "refused: --lead: \"5\" " + NOT_A_DURATION}),
+    [](const testing::TestParamInfo<CommandRow>& info) { return std::string(info.param.name); });
+
+// --help shows that command's help, unless it is a value or follows "--".
+INSTANTIATE_TEST_SUITE_P(
+    Help, ParseCommandTest,
+    testing::Values(CommandRow{"Add", {"add", "--help"}, "help add"},
+                    CommandRow{"AfterOptions", {"run", "--lead", "1m", "--help"}, "help run"},
+                    CommandRow{"Remove", {"remove", "--help"}, "help remove"},
+                    CommandRow{"Plain", {"status", "--help"}, "help status"},
+                    CommandRow{"OfHelp", {"help", "--help"}, "help"},
+                    CommandRow{"AsValue",
+                               {"add", "T", "--tag", "--help"},
+                               "refused: --tag: \"--help\" is not a whole number"},
+                    CommandRow{"AsTitle", {"remove", "--", "--help"}, "remove --help"},
+                    CommandRow{"WithValue",
+                               {"list", "--help=x"},
+                               "refused: list takes no arguments, got \"--help=x\""}),
+    [](const testing::TestParamInfo<CommandRow>& info) { return std::string(info.param.name); });
 
 // Linux refuses an environment string over 32 pages, NUL included; the capture command gets
 // the title as VEXLOR_TITLE=<title>.

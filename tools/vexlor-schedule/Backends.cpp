@@ -1,8 +1,8 @@
 #include "Backends.h"
 
-#include <cstdio>
 #include <utility>
 
+#include "Diagnostics.h"
 #include "platform/ConsolePresenter.h"
 #include "platform/StatePowerManager.h"
 #ifdef VEXLOR_SCHEDULE_WITH_DBUS
@@ -25,10 +25,6 @@ public:
     void Hide(std::shared_ptr<INotification>) override {}
     bool SupportsFeature(int) const override { return false; }
 };
-
-void Warn(const char* text) {
-    std::fprintf(stderr, "vexlor-schedule: warning: %s\n", text);
-}
 
 #ifdef VEXLOR_SCHEDULE_WITH_DBUS
 // The desktop shows the notice; the event line records that it was handed over.

@@ -10,6 +10,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "Diagnostics.h"
+
 namespace Vexlor::ScheduleTool {
 
 // Everything up to the exec of the shell runs in the forked child of a process with
@@ -113,13 +115,15 @@ void CaptureProcess::Process::setupChildProcess() {
     }
     if (!StartGuardian(owner.guardianRead, ::getpid())) {
         // Without it, what the command leaves behind could outlive the capture.
-        PrintError("vexlor-schedule: cannot start the process that guards the capture\n");
+        PrintError(owner.guardianFailure.constData());
         ::_exit(127);
     }
 }
 
 CaptureProcess::CaptureProcess(std::function<void(const QString&)> onFinished)
-    : onFinished(std::move(onFinished)) {
+    : onFinished(std::move(onFinished)),
+      guardianFailure(
+          ErrorLine(QStringLiteral("cannot start the process that guards the capture"))) {
     killTimer.setSingleShot(true);
     killTimer.setInterval(KILL_DELAY_MS);
     QObject::connect(&killTimer, &QTimer::timeout, [this] { Kill(); });

@@ -4,6 +4,7 @@
 
 #include <functional>
 
+#include <QByteArray>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
@@ -62,7 +63,8 @@ private:
     void Finished(const QString& how);
 
     std::function<void(const QString&)> onFinished;
-    QString stopReason;  // why this side signalled the command, if it did
+    QString stopReason;          // why this side signalled the command, if it did
+    QByteArray guardianFailure;  // written by the forked child, which must not allocate
     QTimer killTimer;
     pid_t runner = 0;
     pid_t group = 0;

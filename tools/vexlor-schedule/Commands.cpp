@@ -9,6 +9,7 @@
 #include <QLocalSocket>
 
 #include "ControlChannel.h"
+#include "Diagnostics.h"
 #include "Edit.h"
 #include "FileLock.h"
 #include "RunCommand.h"
@@ -26,7 +27,7 @@ constexpr int RUN_ANSWER_PATIENCE_MS = 30000;
 int Print(const EditOutcome& outcome) {
     std::fputs(outcome.out.toUtf8().constData(), stdout);
     for (const QString& line : outcome.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        std::fprintf(stderr, "vexlor-schedule: %s\n", line.toUtf8().constData());
+        Error(line);
     }
     return outcome.exitCode;
 }
@@ -98,7 +99,9 @@ int Edit(const ScheduleLocation& location, const EditRequest& request) {
 
 int Execute(const Invocation& invocation) {
     if (invocation.command == CommandName::Help) {
-        std::fputs(qPrintable(UsageText()), stdout);
+        const QString help =
+            invocation.helpFor ? CommandHelpText(*invocation.helpFor) : UsageText();
+        std::fputs(qPrintable(help), stdout);
         return EXIT_DONE;
     }
     const QString path = SettingsPathForProcess(invocation.settingsFile);

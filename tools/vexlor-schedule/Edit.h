@@ -6,6 +6,7 @@
 #include <QString>
 
 #include "CommandLine.h"
+#include "Commands.h"
 #include "interfaces/RecordTime.h"
 
 namespace Vexlor::ScheduleTool {
@@ -37,7 +38,7 @@ struct EditContext {
 };
 
 struct EditOutcome {
-    int exitCode = 0;
+    int exitCode = EXIT_DONE;
     QString out;  // whole lines
     QString err;
     std::optional<ScheduleState> changed;  // set when the state is to be stored

@@ -1,9 +1,11 @@
 #pragma once
 
-#include <cstdio>
 #include <exception>
 
 #include <QCoreApplication>
+
+#include "Commands.h"
+#include "Diagnostics.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -18,8 +20,8 @@ public:
         try {
             return QCoreApplication::notify(receiver, event);
         } catch (const std::exception& error) {
-            std::fprintf(stderr, "vexlor-schedule: %s\n", error.what());
-            QCoreApplication::exit(1);
+            Error(error.what());
+            QCoreApplication::exit(EXIT_REFUSED);
             return false;
         }
     }

@@ -16,6 +16,7 @@
 #include "CaptureController.h"
 #include "Commands.h"
 #include "ControlChannel.h"
+#include "Diagnostics.h"
 #include "DropReporter.h"
 #include "Duration.h"
 #include "Edit.h"
@@ -178,10 +179,9 @@ RunSession::~RunSession() {
     // Still the one writer here: what could not be saved yet gets a last try before other
     // processes may write the file themselves.
     if (storage->HasPending() && !storage->Flush()) {
-        std::fprintf(stderr,
-                     "vexlor-schedule: the latest changes to the schedule could not be saved to "
-                     "%s (%s); they are lost\n",
-                     qPrintable(path), storage->Failure().value_or(std::string()).c_str());
+        Error(QStringLiteral(
+                  "the latest changes to the schedule could not be saved to %1 (%2); they are lost")
+                  .arg(path, QString::fromStdString(storage->Failure().value_or(std::string()))));
     }
     control.reset();
     signalRelay.reset();
@@ -366,7 +366,7 @@ void RunSession::CheckIdle() {
 }
 
 int Refuse(const std::string& message) {
-    std::fprintf(stderr, "vexlor-schedule: %s\n", message.c_str());
+    Error(message.c_str());
     return EXIT_REFUSED;
 }
 

@@ -1,5 +1,3 @@
-#include <cstdio>
-
 #include <glog/logging.h>
 #include <QByteArray>
 #include <QCoreApplication>
@@ -7,6 +5,7 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Diagnostics.h"
 #include "GuardedApplication.h"
 
 int main(int argc, char** argv) {
@@ -24,8 +23,8 @@ int main(int argc, char** argv) {
     }
     const ParseResult parsed = ParseCommandLine(arguments);
     if (!parsed.invocation) {
-        std::fprintf(stderr, "vexlor-schedule: %s\n(vexlor-schedule help lists the commands)\n",
-                     qPrintable(parsed.error));
+        Error(parsed.error + QStringLiteral("\n(%1 help lists the commands)")
+                                 .arg(QCoreApplication::applicationName()));
         return EXIT_USAGE;
     }
     return Execute(*parsed.invocation);
