@@ -159,49 +159,6 @@ INSTANTIATE_TEST_SUITE_P(
         RefusedAdd{"UnknownOption", {"New", "--in", "1h", "--colour", "red"}, 2, "--colour"}),
     [](const testing::TestParamInfo<RefusedAdd>& info) { return std::string(info.param.name); });
 
-struct Reply {
-    const char* name;
-    QStringList arguments;
-    int exitCode;
-    const char* out;  // its start
-    const char* err;  // all of it
-};
-
-void PrintTo(const Reply& row, std::ostream* out) {
-    *out << row.name;
-}
-
-class ReplyTest : public RunnerTest, public testing::WithParamInterface<Reply> {};
-
-// Messages go to standard error, each line begun with the program's name; help to standard
-// output.
-TEST_P(ReplyTest, UsesTheRightStreamAndExitCode) {
-    const Outcome outcome = Run(GetParam().arguments);
-    EXPECT_EQ(outcome.exitCode, GetParam().exitCode);
-    const QString out = QString::fromUtf8(GetParam().out);
-    EXPECT_EQ(outcome.out.left(out.size()), out);
-    EXPECT_EQ(outcome.err, GetParam().err);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ReplyTest,
-    testing::Values(
-        Reply{"BadArguments",
-              {"bogus"},
-              2,
-              "",
-              "vexlor-schedule: unknown command \"bogus\"\n"
-              "(vexlor-schedule help lists the commands)\n"},
-        Reply{"Refused",
-              {"remove", "Nothing"},
-              1,
-              "",
-              "vexlor-schedule: no planned recording is titled \"Nothing\"\n"},
-        Reply{"Help", {"help"}, 0, "usage: vexlor-schedule [--settings FILE] COMMAND", ""},
-        Reply{"AddHelp", {"add", "--help"}, 0, "usage: vexlor-schedule add TITLE (--at", ""},
-        Reply{"RunHelp", {"run", "--help"}, 0, "usage: vexlor-schedule run [OPTIONS]\n", ""}),
-    [](const testing::TestParamInfo<Reply>& info) { return std::string(info.param.name); });
-
 // Through a shell, which passes the bytes on as they are.
 TEST_F(RunnerTest, TitleThatIsNotUtf8IsRefusedAsGiven) {
     Add({"Planned", "--in", "1h"});

@@ -37,7 +37,6 @@ struct RunOptions {
 struct Invocation {
     std::optional<QString> settingsFile;
     CommandName command = CommandName::Help;
-    std::optional<CommandName> helpFor;  // Help: `COMMAND --help`, else the usage of them all
     AddOptions add;
     QString removeTitle;
     RunOptions run;
@@ -53,7 +52,5 @@ struct ParseResult {
 ParseResult ParseCommandLine(const QList<QByteArray>& arguments);
 
 QString UsageText();
-// One command's usage and options, as `vexlor-schedule COMMAND --help` prints them.
-QString CommandHelpText(CommandName command);
 
 }  // namespace Vexlor::ScheduleTool

@@ -99,9 +99,7 @@ int Edit(const ScheduleLocation& location, const EditRequest& request) {
 
 int Execute(const Invocation& invocation) {
     if (invocation.command == CommandName::Help) {
-        const QString help =
-            invocation.helpFor ? CommandHelpText(*invocation.helpFor) : UsageText();
-        std::fputs(qPrintable(help), stdout);
+        std::fputs(qPrintable(UsageText()), stdout);
         return EXIT_DONE;
     }
     const QString path = SettingsPathForProcess(invocation.settingsFile);
