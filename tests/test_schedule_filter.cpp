@@ -40,9 +40,9 @@ protected:
 
     std::vector<std::string> Warnings() const {
         std::vector<std::string> out;
-        for (const auto& entry : logs.Entries()) {
-            if (entry.severity == google::GLOG_WARNING) {
-                out.push_back(entry.message);
+        for (const std::string& entry : logs.entries) {
+            if (entry.rfind("WARNING: ", 0) == 0) {
+                out.push_back(entry.substr(9));
             }
         }
         return out;

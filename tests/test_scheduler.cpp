@@ -38,7 +38,7 @@ protected:
         scheduler->RegisterEventHandler(&observer);
         power->calls.clear();
     }
-    void At(long long micros) { clock->Set(AtMicros(micros)); }
+    void At(long long micros) { clock->now = AtMicros(micros); }
     bool FireAt(long long micros) {
         At(micros);
         return timer->Fire();
@@ -78,7 +78,7 @@ TEST_P(FirstExpiry, PollsRequestsOrDrops) {
     const bool polling = row.outcome == POLL;
     ASSERT_EQ(gateway->sent.size(), row.outcome == REQUEST ? 1u : 0u);
     ASSERT_EQ(timer->armed.size(), polling ? 1u : 0u);
-    EXPECT_TRUE(!polling || timer->armed[0].duration == Time::Microseconds(100000));
+    EXPECT_TRUE(!polling || timer->armed.front().duration == Time::Microseconds(100000));
     EXPECT_EQ(settings->schedule.size(), polling ? 1u : 0u);
     EXPECT_EQ(scheduler->IsEnabled(), polling);
     EXPECT_EQ(settings->enabled, polling);
