@@ -106,6 +106,7 @@ TEST_P(ScenarioTest, ShowsAndWithdrawsAtTheRightTicks) {
         operations += (operations.empty() ? "" : " ") + TickAt(now, front);
     }
     EXPECT_EQ(operations, GetParam().operations);
+    EXPECT_EQ(requests, QStringLiteral("0,1,SchedulerNotifications;"));  // one presenter
 }
 
 // A notice for S is out after a tick at A; B, the next front record, enters the interval at C.
@@ -125,14 +126,11 @@ INSTANTIATE_TEST_SUITE_P(
         Scenario{"FirstRecordInThePast", {{A - HOUR, A}}, "-"}),
     [](const testing::TestParamInfo<Scenario>& info) { return info.param.name; });
 
-TEST_F(NoticeTest, ShowsTheLocalTimeOfDayInTheLanguageOfTheLookAndFeel) {
+TEST_F(NoticeTest, ShowsTheLocalTimeOfDayInTheLanguageOfTheLookAndFeelAndTheTranslation) {
     const QString text = QStringLiteral(
         "A recording is scheduled for %1. Don't turn off your PC and configure your capture area.");
     EXPECT_EQ(NoticeText(true, "en_US"), text.arg("<font color='#00bef9'>09:07</font>"));
     EXPECT_EQ(NoticeText(false, "ar_EG"), text.arg(QStringLiteral("٠٩:٠٧")));
-}
-
-TEST_F(NoticeTest, InstalledTranslatorChangesTextTimeFormatAndButton) {
     QTranslator translator;  // its destructor uninstalls it
     ASSERT_TRUE(translator.load(QStringLiteral(VEXLOR_TEST_QM_DE)));
     QCoreApplication::installTranslator(&translator);
@@ -155,15 +153,10 @@ TEST_F(NoticeTest, ConsolePresenterPrintsTheNoticeWithoutMarkupAndItsWithdrawal)
               "and configure your capture area.\nNotice withdrawn: Vexlör Capture\n");
 }
 
-TEST_F(NoticeTest, AsksTheFactoryOnceAndNotAtAllWhenSettingsAreNull) {
-    EXPECT_THROW(NotificationHelper(nullptr, customization, look), std::logic_error);
-    EXPECT_EQ(requests, QString());
-    NotificationHelper helper(settings, customization, look);
-    EXPECT_EQ(requests, QStringLiteral("0,1,SchedulerNotifications;"));
-}
-
 // Through the real timer connection, sped up: an escaping exception would leave exec().
-TEST_F(NoticeTest, TickExceptionsStayInsideTheTimerSlotAndAreLogged) {
+TEST_F(NoticeTest, NullServiceIsRefusedAndTickExceptionsStayInsideTheTimerSlotAndAreLogged) {
+    EXPECT_THROW(NotificationHelper(nullptr, customization, look), std::logic_error);
+    EXPECT_EQ(requests, QString());  // refused before a presenter is made
     Testing::LogCapture logs;
     presenter->throwing = true;  // a std::exception and an int by turns
     EXPECT_THROW(TickAt(DAY, DAY + 4 * HOUR), std::runtime_error);  // the tick lets them through
@@ -173,8 +166,8 @@ TEST_F(NoticeTest, TickExceptionsStayInsideTheTimerSlotAndAreLogged) {
     QTimer::singleShot(100, &loop, &QEventLoop::quit);
     loop.exec();
     EXPECT_GE(presenter->calls.size(), 4u);  // the timer kept ticking
-    EXPECT_THAT(logs.Entries(),
-                testing::Contains(testing::Field(&Testing::LogCapture::Entry::message,
+    EXPECT_THAT(logs.entries,
+                testing::Contains(testing::AllOf(testing::StartsWith("ERROR: "),
                                                  testing::HasSubstr("failed: presenter gone"))));
 }
 

@@ -1,15 +1,23 @@
+#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <QStringList>
 
 #include "Scheduler/Scheduler.h"
+#include "Scheduler/SchedulerHelper.h"
+#include "core/EventHandlerList.h"
+#include "core/NotNull.h"
 #include "fakes/FakeClock.h"
 #include "fakes/FakeServices.h"
-#include "fakes/RecordingRegistry.h"
+#include "fakes/LogCapture.h"
+#include "interfaces/InstanceRegistry.h"
 
 namespace Vexlor::QK {
 namespace {
@@ -17,7 +25,7 @@ namespace {
 using namespace Testing;
 using testing::ElementsAre;
 
-constexpr long long SEC = 1000000, T0 = 1700000000LL * SEC;
+constexpr long long SEC = 1000000, HOUR = 3600 * SEC, T0 = 1700000000LL * SEC;
 constexpr long long MAX = std::numeric_limits<long long>::max(), MIN = -MAX - 1;
 
 RecordTime Rec(long long start, long long duration = 60 * SEC) {
@@ -38,7 +46,7 @@ protected:
         scheduler->RegisterEventHandler(&observer);
         power->calls.clear();
     }
-    void At(long long micros) { clock->Set(AtMicros(micros)); }
+    void At(long long micros) { clock->now = AtMicros(micros); }
     bool FireAt(long long micros) {
         At(micros);
         return timer->Fire();
@@ -53,6 +61,46 @@ protected:
     RecordingObserver observer;
     std::unique_ptr<Scheduler> scheduler;
 };
+
+// A schedule, stored or set: sorted, the first of the records with one start time (a warning
+// counts the others), none that starts before now; what is left is written back.
+TEST_F(SchedulerTest, KeepsOneRecordPerStartFromNowOnInOrderAndWritesItBack) {
+    const std::string warning =
+        "WARNING: Vexlor::QK::RecordTimeList Vexlor::QK::Scheduler::Impl::GetFilteredSchedule("
+        "Vexlor::QK::RecordTimeList) const: Got tasks with similar start time. Number of tasks: ";
+    const struct {
+        RecordTimeList stored;
+        bool enabled;
+        RecordTimeList kept;
+        std::vector<std::string> logged;
+    } rows[] = {{{Rec(T0 + 3 * HOUR), Rec(T0 - 1, HOUR), Rec(T0 + 1), Rec(T0), Rec(MIN)},
+                 false,
+                 {Rec(T0), Rec(T0 + 1), Rec(T0 + 3 * HOUR)},
+                 {}},
+                {{Rec(T0 + HOUR, 5), Rec(T0 + 2 * HOUR), Rec(T0 + HOUR, 7), Rec(T0 + HOUR, 9)},
+                 true,
+                 {Rec(T0 + HOUR, 5), Rec(T0 + 2 * HOUR)},
+                 {warning + "2"}},
+                {{Rec(T0 - 2 * HOUR), Rec(T0 - 2 * HOUR)}, true, {}, {warning + "1"}}};
+    for (const auto& row : rows) {
+        for (const bool stored : {true, false}) {  // else set afterwards, in the same order
+            SCOPED_TRACE(testing::Message() << "row " << &row - rows << " stored " << stored);
+            LogCapture logs;
+            Make(stored ? row.stored : RecordTimeList{}, row.enabled);
+            if (!stored) {
+                scheduler->SetSchedule(row.stored);
+                scheduler->SetEnabled(row.enabled);
+            }
+            EXPECT_EQ(settings->schedule, row.kept);
+            EXPECT_EQ(scheduler->GetSchedule(), row.kept);
+            const bool on = row.enabled && !row.kept.empty();
+            EXPECT_EQ(scheduler->IsEnabled(), on);
+            EXPECT_EQ(settings->enabled, on);
+            EXPECT_EQ(timer->armed.size(), on ? 1u : 0u);
+            EXPECT_EQ(logs.entries, row.logged);
+        }
+    }
+}
 
 enum Outcome { POLL, REQUEST, DROP };
 
@@ -78,13 +126,12 @@ TEST_P(FirstExpiry, PollsRequestsOrDrops) {
     const bool polling = row.outcome == POLL;
     ASSERT_EQ(gateway->sent.size(), row.outcome == REQUEST ? 1u : 0u);
     ASSERT_EQ(timer->armed.size(), polling ? 1u : 0u);
-    EXPECT_TRUE(!polling || timer->armed[0].duration == Time::Microseconds(100000));
+    EXPECT_TRUE(!polling || timer->armed.front().duration == Time::Microseconds(100000));
     EXPECT_EQ(settings->schedule.size(), polling ? 1u : 0u);
     EXPECT_EQ(scheduler->IsEnabled(), polling);
     EXPECT_EQ(settings->enabled, polling);
     EXPECT_TRUE(power->calls.empty());
     if (row.outcome == REQUEST) {
-        EXPECT_EQ(gateway->sent[0].name, "RECORD_SCHEDULE");
         At(row.callbackAt);
         gateway->sent[0].callback();
         EXPECT_THAT(observer.started, ElementsAre(Rec(row.start, row.observedDuration)));
@@ -111,18 +158,15 @@ INSTANTIATE_TEST_SUITE_P(
         ExpiryRow{"MaxLeadFromMinClock", MIN + 1, SEC, MAX, MIN, REQUEST, MIN + 1, SEC}),
     [](const testing::TestParamInfo<ExpiryRow>& info) { return std::string(info.param.name); });
 
-// Lapsed, then Requested with more to come, then Polling again.
+// Lapsed, then Requested with more to come.
 TEST_F(SchedulerTest, DroppedRecordIsFollowedByTheNextInTheSameExpiry) {
     Make({Rec(T0, 600 * SEC), Rec(T0 + 700 * SEC, 600 * SEC), Rec(T0 + 2000 * SEC)}, true);
     FireAt(T0 + 900 * SEC);
     ASSERT_EQ(gateway->sent.size(), 1u);
     EXPECT_TRUE(timer->armed.empty() && power->calls.empty() && settings->enabled);
     EXPECT_EQ(settings->schedule, RecordTimeList{Rec(T0 + 2000 * SEC)});
-    EXPECT_EQ(scheduler->GetSchedule(), settings->schedule);
     gateway->sent[0].callback();
     EXPECT_THAT(observer.started, ElementsAre(Rec(T0 + 700 * SEC, 400 * SEC)));  // 200 s late
-    scheduler->SetEnabled(true);
-    EXPECT_EQ(timer->armed.size(), 1u);
 }
 
 // Polling -> Capturing -> Polling.
@@ -151,26 +195,13 @@ TEST_F(SchedulerTest, SameDataTwiceWritesNothingStoppedFinishOnlyClearsDisabling
     timer->Fire(Time::ITimer::FinishReason::Stopped);
     EXPECT_TRUE(timer->armed.empty());
     scheduler->SetEnabled(true);  // the old timer is gone, so a new one is armed
-    EXPECT_EQ(timer->armed.size(), 1u);
-    scheduler->SetEnabled(false);
+    ASSERT_EQ(timer->armed.size(), 1u);
+    timer->Fire(Time::ITimer::FinishReason::Stopped);
+    scheduler->SetEnabled(false);  // released even with no timer to stop
     EXPECT_TRUE(timer->armed.empty() && gateway->sent.empty());
     EXPECT_FALSE(settings->enabled);
     EXPECT_THAT(power->calls,
                 ElementsAre("PreventSleep", "PreventSleep", "PreventSleep", "AllowSleep"));
-}
-
-TEST_F(SchedulerTest, ConstructionFromStoredSettings) {
-    Make({Rec(T0 - 2 * SEC), Rec(T0 - SEC)}, true);
-    EXPECT_TRUE(settings->schedule.empty());
-    EXPECT_FALSE(scheduler->IsEnabled() || settings->enabled);
-
-    settings->schedule = {Rec(T0 + 3 * SEC), Rec(T0 + SEC), Rec(T0 + 2 * SEC)};
-    scheduler = std::make_unique<Scheduler>(settings, ui, gateway, power, clock, timer);
-    EXPECT_EQ(settings->schedule,
-              RecordTimeList({Rec(T0 + SEC), Rec(T0 + 2 * SEC), Rec(T0 + 3 * SEC)}));
-    EXPECT_FALSE(scheduler->IsEnabled() || settings->enabled);
-    EXPECT_TRUE(timer->armed.empty());
-    EXPECT_THAT(power->calls, testing::AllOf(testing::Each("AllowSleep"), testing::SizeIs(2)));
 }
 
 TEST_F(SchedulerTest, SettingsCallbacksDuringRemovalAreIgnoredAndAThrowRestoresTheGuard) {
@@ -191,31 +222,36 @@ TEST_F(SchedulerTest, SettingsCallbacksDuringRemovalAreIgnoredAndAThrowRestoresT
 class NullService : public SchedulerTest, public testing::WithParamInterface<int> {};
 
 TEST_P(NullService, IsRefusedAndNoReferenceIsKept) {
-    RecordingRegistry registry;
+    InstanceRegistry registry;
+    ScopedInstanceRegistry installed(&registry);
     const int n = GetParam();
-    EXPECT_THROW(
-        Scheduler(n == 0 ? nullptr : settings, n == 1 ? nullptr : ui, n == 2 ? nullptr : gateway,
-                  n == 3 ? nullptr : power, n == 4 ? nullptr : clock, n == 5 ? nullptr : timer),
-        std::logic_error);
+    EXPECT_THAT(
+        [&] {
+            Scheduler(n == 0 ? nullptr : settings, n == 1 ? nullptr : ui,
+                      n == 2 ? nullptr : gateway, n == 3 ? nullptr : power,
+                      n == 4 ? nullptr : clock, n == 5 ? nullptr : timer);
+        },
+        testing::ThrowsMessage<std::logic_error>("NotNull can not initialized by null"));
     EXPECT_THAT((std::vector<long>{settings.use_count(), ui.use_count(), gateway.use_count(),
                                    power.use_count(), clock.use_count(), timer.use_count()}),
                 testing::Each(1));
-    EXPECT_TRUE(registry.calls.empty());
+    EXPECT_EQ(registry.DoFind("Vexlor::QK::IScheduler"), nullptr);
     EXPECT_EQ(clock->reads + settings->writes, 0);
+    // The guard holds one reference and hands out another for the call made through it.
+    EXPECT_EQ(Core::NotNull<std::shared_ptr<FakeClock>>(clock).get().use_count(), 3);
 }
 
 INSTANTIATE_TEST_SUITE_P(EachPosition, NullService, testing::Range(0, 6));
 
 // Under ASan a timer or callback reaching the freed engine fails the test outright.
 TEST_F(SchedulerTest, PublishedUntilDestroyedThenReachedByNeitherTimerNorHeldCallback) {
-    RecordingRegistry registry;
+    InstanceRegistry registry;
+    ScopedInstanceRegistry installed(&registry);
     Make({Rec(T0), Rec(T0 + 100 * SEC)}, true);
-    void* base = static_cast<IScheduler*>(scheduler.get());
     timer->Fire();                // requests the first record; the gateway keeps its callback
     scheduler->SetEnabled(true);  // polling for the second
     ASSERT_EQ(gateway->sent.size() + timer->armed.size(), 2u);
-    EXPECT_EQ(registry.Find<IScheduler>(), base);
-    EXPECT_EQ(registry.calls.at(0).key, "Vexlor::QK::IScheduler");
+    EXPECT_EQ(registry.DoFind("Vexlor::QK::IScheduler"), static_cast<IScheduler*>(scheduler.get()));
     const auto powerCalls = power->calls.size();
     scheduler.reset();
     EXPECT_FALSE(timer->Fire());
@@ -224,8 +260,146 @@ TEST_F(SchedulerTest, PublishedUntilDestroyedThenReachedByNeitherTimerNorHeldCal
     EXPECT_TRUE(observer.started.empty());
     EXPECT_EQ(clock->reads, reads);
     EXPECT_EQ(power->calls.size(), powerCalls);
-    EXPECT_EQ(registry.calls.back().op, "unregister");
-    EXPECT_EQ(registry.Find<IScheduler>(), nullptr);
+    EXPECT_EQ(registry.DoFind("Vexlor::QK::IScheduler"), nullptr);
+}
+
+// The editor reads the wall clock, pinned at T0; say that is 08:00.
+class SchedulerHelperTest : public testing::Test {
+protected:
+    SchedulerHelperTest() { Time::SystemClock::SetFixedNow(AtMicros(T0)); }
+    ~SchedulerHelperTest() override { Time::SystemClock::ClearFixedNow(); }
+    QString Titles() const {
+        QStringList titles;
+        for (const RecordTime& record : editor.GetPreparedSchedule()) {
+            titles << record.title;
+        }
+        return titles.join(", ");
+    }
+    SchedulerHelper editor;
+};
+
+RecordTime Named(const char* title, long long start, long long duration = HOUR) {
+    return {title, AtMicros(start), Time::Microseconds(duration), 7, RecordMode::Mode2};
+}
+
+constexpr long long H10 = T0 + 2 * HOUR, H11 = T0 + 3 * HOUR;
+
+// Inserted at the lower bound, in front of equal starts; refused only when it ended before now.
+TEST_F(SchedulerHelperTest, InsertsInStartOrderAndRefusesWhatIsOver) {
+    EXPECT_EQ(editor.AddRecord(Named("10:00", H10)), 0);
+    EXPECT_EQ(editor.AddRecord(Named("09:00", H10 - HOUR)), 0);
+    EXPECT_EQ(editor.AddRecord(Named("11:00", H11)), 2);
+    EXPECT_EQ(editor.AddRecord(Named("10:00 b", H10)), 1);
+    EXPECT_EQ(editor.AddRecord(Named("ended 1 us ago", T0 - HOUR - 1)), -1);
+    EXPECT_EQ(editor.AddRecord(Named("ends now", T0 - HOUR)), 0);
+    EXPECT_EQ(editor.AddRecord(Named("no end a year ago", T0 - 365 * 24 * HOUR, 0)), 0);
+    EXPECT_EQ(editor.AddRecord(Named("negative duration", T0, -1)), -1);
+    EXPECT_EQ(editor.AddRecord(Named("end saturates", MAX - SEC)), 6);
+    EXPECT_EQ(Titles(), "no end a year ago, ends now, 09:00, 10:00 b, 10:00, 11:00, end saturates");
+}
+
+TEST_F(SchedulerHelperTest, SpansAreClosedIntervals) {
+    editor.AddRecord(Named("10:00 to 11:00", H10));
+    editor.AddRecord(Named("earlier", T0, HOUR / 2));  // does not meet any candidate
+    EXPECT_TRUE(editor.DoesCaptureTimeIntersected(Named("from its end", H11)));
+    EXPECT_FALSE(editor.DoesCaptureTimeIntersected(Named("just after", H11 + 1)));
+    EXPECT_TRUE(editor.DoesCaptureTimeIntersected(Named("to its start", H10 - HOUR)));
+    EXPECT_FALSE(editor.DoesCaptureTimeIntersected(Named("just before", H10 - HOUR, HOUR - 1)));
+    EXPECT_TRUE(editor.DoesCaptureTimeIntersected(Named("instant inside", H10 + 1, 0)));
+}
+
+// Titles compare exactly, in the test as in the removal.
+TEST_F(SchedulerHelperTest, RemovesEveryMatchAndKeepsTheOrder) {
+    long long hour = 1;
+    for (const char* title : {"a", "x", "b", "x", "X", "c"}) {
+        editor.AddRecord(Named(title, T0 + hour++ * HOUR));
+    }
+    editor.RemoveRecord("x");
+    EXPECT_EQ(Titles(), "a, b, X, c");
+    EXPECT_TRUE(editor.DoesTitleAlreadyExists("X"));
+    EXPECT_FALSE(editor.DoesTitleAlreadyExists("x"));
+    EXPECT_FALSE(editor.DoesTitleAlreadyExists("c "));
+}
+
+using Log = std::vector<std::string>;
+
+// Logs "name:value", then runs its action.
+struct Listener {
+    void OnValue(int value) {
+        log.push_back(name + ":" + std::to_string(value));
+        if (action) {
+            action();
+        }
+    }
+    std::string name;
+    Log& log;
+    std::function<void()> action;
+};
+
+class EventHandlerListTest : public testing::Test {
+protected:
+    EventHandlerListTest() {
+        for (Listener* o : {&o1, &o2, &o3}) {
+            list.RegisterEventHandler(o);
+        }
+    }
+    Log Pass(int value) {
+        log.clear();
+        list.PerformAll(&Listener::OnValue, value);
+        return log;
+    }
+
+    Log log;
+    Core::EventHandlerList<Listener, Core::SyncExecutePolicy> list;
+    Listener o1{"o1", log, {}}, o2{"o2", log, {}}, o3{"o3", log, {}}, o4{"o4", log, {}};
+};
+
+TEST_F(EventHandlerListTest, RegistrationOrderWithNullDuplicateAndUnknownIgnored) {
+    list.RegisterEventHandler(nullptr);
+    list.RegisterEventHandler(&o1);
+    list.UnregisterEventHandler(nullptr);
+    list.UnregisterEventHandler(&o4);
+    EXPECT_EQ(Pass(1), (Log{"o1:1", "o2:1", "o3:1"}));
+    list.UnregisterEventHandler(&o2);
+    EXPECT_EQ(Pass(2), (Log{"o1:2", "o3:2"}));
+}
+
+// Every observer of a pass also gets the argument as it was passed.
+TEST_F(EventHandlerListTest, ChangesDuringAPassTakeEffectFromTheNextPass) {
+    int value = 1;
+    o1.action = [&] {
+        value = 5;
+        list.UnregisterEventHandler(&o3);
+        list.RegisterEventHandler(&o4);
+    };
+    o2.action = [&] { list.UnregisterEventHandler(&o2); };
+    list.PerformAll(&Listener::OnValue, value);
+    EXPECT_EQ(log, (Log{"o1:1", "o2:1", "o3:1"}));
+    o1.action = nullptr;
+    EXPECT_EQ(Pass(2), (Log{"o1:2", "o4:2"}));
+}
+
+TEST_F(EventHandlerListTest, ExceptionEndsThePassWithBothLocksReleased) {
+    o2.action = [] { throw std::runtime_error("observer failed"); };
+    EXPECT_THROW(Pass(1), std::runtime_error);
+    EXPECT_EQ(log, (Log{"o1:1", "o2:1"}));
+    // Another thread can register and notify at once, so neither mutex is still held.
+    std::thread([&] {
+        list.RegisterEventHandler(&o4);
+        o2.action = nullptr;
+        list.PerformAll(&Listener::OnValue, 2);
+    }).join();
+    EXPECT_EQ(Pass(3), (Log{"o1:3", "o2:3", "o3:3", "o4:3"}));
+}
+
+TEST_F(EventHandlerListTest, NestedPassOnSameThreadCompletesBeforeOuterContinues) {
+    bool nested = false;
+    o1.action = [&] {
+        if (!std::exchange(nested, true)) {
+            list.PerformAll(&Listener::OnValue, 9);
+        }
+    };
+    EXPECT_EQ(Pass(1), (Log{"o1:1", "o1:9", "o2:9", "o3:9", "o2:1", "o3:1"}));
 }
 
 }  // namespace

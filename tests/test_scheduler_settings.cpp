@@ -1,3 +1,4 @@
+#include <climits>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -5,18 +6,118 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "Scheduler/SchedulerSettings.h"
-#include "fakes/RecordingRegistry.h"
+#include "interfaces/InstanceRegistry.h"
 #include "settings/SettingsWrapper.h"
 
 namespace Vexlor::QK {
 namespace {
 
+using App::ByteArrayConverter;
 using App::SettingsWrapper;
 using Bytes = std::vector<unsigned char>;
 using Time::Microseconds;
+
+// Spaces between the hex digits are for reading only.
+Bytes Hex(const std::string& text) {
+    return ByteArrayConverter<QByteArray>()(QByteArray::fromHex(QByteArray::fromStdString(text)));
+}
+
+RecordTimeList Decode(const std::string& hex) {
+    return ByteArrayConverter<RecordTimeList>()(Hex(hex));
+}
+
+RecordTime R(QString title, int tag, long long start = 0, long long duration = 0, int mode = 0) {
+    return {std::move(title), Time::TimePoint(Time::Microseconds(start)),
+            Time::Microseconds(duration), tag, static_cast<RecordMode>(mode)};
+}
+
+RecordTime Demo(int mode) {
+    return R("Demo", -1, 1700000000000000, 1800000000, mode);
+}
+
+// Demo(mode) up to its mode's 4 bytes.
+const std::string DEMO_HEAD =
+    "00 00 00 08 00 44 00 65 00 6D 00 6F FF FF FF FF 00 06 0A 24 18 1E 40 00 "
+    "00 00 00 00 6B 49 D2 00 ";
+const std::string DEMO = DEMO_HEAD + "00 00 00 01 ";
+const std::string ZEROS = std::string(40, '0');  // start, duration and mode of 0
+
+struct BytesCase {
+    const char* name;
+    std::string hex;
+    RecordTimeList schedule;
+    bool exact;  // the hex is also what encoding the schedule gives
+};
+
+class ScheduleBytes : public testing::TestWithParam<BytesCase> {};
+
+TEST_P(ScheduleBytes, DecodeToTheSchedule) {
+    ByteArrayConverter<RecordTimeList> codec;
+    const RecordTimeList decoded = Decode(GetParam().hex);
+    EXPECT_EQ(decoded, GetParam().schedule);
+    // Only the bytes tell a null title from an empty one.
+    EXPECT_EQ(codec(decoded), codec(GetParam().schedule));
+    if (GetParam().exact) {
+        EXPECT_EQ(codec(GetParam().schedule), Hex(GetParam().hex));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Examples, ScheduleBytes,
+    testing::Values(
+        BytesCase{"EmptyList", "00 00 00 00", {}, true},
+        BytesCase{"WorkedExample", "00 00 00 01" + DEMO, {Demo(1)}, true},
+        BytesCase{"DefaultRecord", "00 00 00 01 FF FF FF FF FF FF FF FF" + ZEROS, {{}}, true},
+        BytesCase{"EmptyTitle", "00 00 00 01 00 00 00 00 FF FF FF FF" + ZEROS, {R("", -1)}, true},
+        BytesCase{"NonAsciiTitleAndMode2",
+                  "00 00 00 01 00 00 00 04 00 52 00 E9 00 00 00 00" + ZEROS.substr(2) + "02",
+                  {R(QString::fromUtf8("R\xc3\xa9"), 0, 0, 0, 2)},
+                  true},
+        BytesCase{"TagExtremes",
+                  "00 00 00 02 FF FF FF FF 80 00 00 00" + ZEROS + "FF FF FF FF 7F FF FF FF" + ZEROS,
+                  {R({}, INT_MIN), R({}, INT_MAX)},
+                  true},
+        BytesCase{"UnknownModesReadAs0",
+                  "00 00 00 03" + DEMO_HEAD + "00 00 00 03" + DEMO_HEAD + "FF FF FF FF" +
+                      DEMO_HEAD + "00 00 03 E8",
+                  {Demo(0), Demo(0), Demo(0)},
+                  false},
+        BytesCase{"EmptyInput", "", {}, false},
+        BytesCase{"ExtraBytesIgnored", "00 00 00 01" + DEMO + "01 02 03", {Demo(1)}, false},
+        BytesCase{"MissingRecordZeroed", "00 00 00 02" + DEMO, {Demo(1), R("", 0)}, false},
+        BytesCase{"CutAfterTheStart",
+                  "00 00 00 01" + DEMO.substr(0, 24 * 3),
+                  {R("Demo", -1, 1700000000000000)},
+                  false},
+        // As QDataStream leaves it: a null title and nothing more to read.
+        BytesCase{"TitleLongerThanTheData",
+                  "00 00 00 02 00 10 00 00 00 41 00 42 00 00 00 07",
+                  {R({}, 0), R("", 0)},
+                  false}),
+    [](const testing::TestParamInfo<BytesCase>& info) { return info.param.name; });
+
+TEST(RecordTime, EveryFieldTakesPartInEquality) {
+    EXPECT_EQ(Demo(1), Demo(1));
+    for (const RecordTime& other : {R("demo", -1, 1700000000000000, 1800000000, 1),
+                                    R("Demo", 0, 1700000000000000, 1800000000, 1),
+                                    R("Demo", -1, 1700000000000001, 1800000000, 1),
+                                    R("Demo", -1, 1700000000000000, 1800000001, 1), Demo(2)}) {
+        EXPECT_NE(other, Demo(1));
+    }
+}
+
+// The bound: (bytes after the count) / 28 + 16 records; beyond it, as for a negative count.
+TEST(ScheduleDecoding, CountBeyondWhatTheBytesCanHoldThrowsLengthError) {
+    EXPECT_EQ(Decode("00 00 00 10").size(), 16u);
+    EXPECT_EQ(Decode("00 00 00 11" + DEMO).size(), 17u);
+    for (const std::string& hex :
+         std::vector<std::string>{"FF FF FF FF", "80 00 00 00", "7F FF FF FF 00 00 00 00",
+                                  "00 00 00 11", "00 00 00 12" + DEMO}) {
+        EXPECT_THROW(Decode(hex), std::length_error) << hex;
+    }
+}
 
 // In memory, counting the writes; a bool is kept as one byte.
 class CountingSettingsManager : public IApplicationSettingsManager {
@@ -30,8 +131,7 @@ public:
         return getByteArray(key, {defaultValue}).at(0) != 0;
     }
     Bytes getByteArray(const std::string& key, const Bytes& defaultValue) const override {
-        const auto it = values.find(key);
-        return it == values.end() ? defaultValue : it->second;
+        return values.count(key) ? values.at(key) : defaultValue;
     }
     bool contains(const std::string& key) const override { return values.count(key) != 0; }
     void remove(const std::string& key) override { values.erase(key); }
@@ -61,43 +161,34 @@ RecordTimeList Tags(std::initializer_list<int> tags) {
 class SettingsTest : public testing::Test {
 protected:
     std::shared_ptr<CountingSettingsManager> manager = std::make_shared<CountingSettingsManager>();
+};
+
+TEST_F(SettingsTest, WrapperReadsTheDefaultAndWritesOnlyChangesUnlessForced) {
     SettingsWrapper<bool> flag{manager, "flag", true};
     SettingsWrapper<Bytes> raw{manager, "raw", {1, 2}};
     SettingsWrapper<RecordTimeList> list{manager, "list", Tags({7})};
-};
-
-TEST_F(SettingsTest, WrapperWithNothingStoredReadsTheDefaultAndSettingItWritesNothing) {
     EXPECT_TRUE(flag.get());
     EXPECT_EQ(raw.get(), (Bytes{1, 2}));
     EXPECT_EQ(list.get(), Tags({7}));
-    EXPECT_FALSE(flag.set(true));
-    EXPECT_FALSE(raw.set({1, 2}));
-    EXPECT_FALSE(list.set(Tags({7})));
+    EXPECT_FALSE(flag.set(true) || raw.set({1, 2}) || list.set(Tags({7})));
     EXPECT_EQ(manager->writes, 0);
-}
-
-// A difference in one tag alone, or in the order alone, is a change.
-TEST_F(SettingsTest, WrapperSetWritesEachChangeOnce) {
+    // A difference in one tag alone, or in the order alone, is a change.
     for (const RecordTimeList& schedule : {Tags({1, 2}), Tags({1, 3}), Tags({3, 1})}) {
         EXPECT_TRUE(list.set(schedule));
-        EXPECT_FALSE(list.set(schedule));
-        EXPECT_EQ(list.get(), schedule);
+        EXPECT_FALSE(list.set(schedule));  // reads back what it wrote
     }
     EXPECT_TRUE(flag.set(false));
     EXPECT_FALSE(flag.set(false));
     EXPECT_EQ(manager->writes, 4);
-    EXPECT_EQ(manager->values["list"], App::ByteArrayConverter<RecordTimeList>()(Tags({3, 1})));
-}
+    flag.forceSet(false);
+    raw.forceSet({1, 2});
+    list.forceSet(Tags({3, 1}));
+    EXPECT_EQ(manager->writes, 7);
 
-TEST_F(SettingsTest, WrapperForceSetAlwaysWritesEvenOverAnUnreadableValue) {
     manager->values["list"] = {0xFF, 0xFF, 0xFF, 0xFF};  // a negative count
     EXPECT_THROW(list.set(Tags({1})), std::length_error);
-    EXPECT_EQ(manager->writes, 0);
-    flag.forceSet(true);
-    raw.forceSet({1, 2});
+    EXPECT_EQ(manager->writes, 7);
     list.forceSet(Tags({1}));
-    list.forceSet(Tags({1}));
-    EXPECT_EQ(manager->writes, 4);
     EXPECT_EQ(list.get(), Tags({1}));
 }
 
@@ -125,7 +216,7 @@ TEST_F(SettingsTest, SchedulerSettingsTellOnlyChangesToTheirObserversAndKeepFlag
     EXPECT_EQ(manager->writes, 2);
     EXPECT_EQ(manager->values["QK/Scheduler/scheduler_enabled"], Bytes{1});
     EXPECT_EQ(manager->values["QK/Scheduler/schedule"],
-              App::ByteArrayConverter<RecordTimeList>()(Tags({1})));
+              ByteArrayConverter<RecordTimeList>()(Tags({1})));
 
     const SchedulerSettings again(manager);
     EXPECT_TRUE(again.IsSchedulerEnabled());
@@ -134,22 +225,23 @@ TEST_F(SettingsTest, SchedulerSettingsTellOnlyChangesToTheirObserversAndKeepFlag
     EXPECT_EQ(again.GetDurationLimit(), Microseconds(120000000));
 }
 
-TEST(SchedulerSettingsRegistry, RegistersLimitThenScheduleAndWithdrawsInReverse) {
-    Testing::RecordingRegistry registry;
+// Under the readable names that other modules look up; one made before any registry is
+// installed is only asked to remove what it never published.
+TEST_F(SettingsTest, BothInterfacesArePublishedForTheObjectsLifetime) {
+    auto unpublished = std::make_unique<SchedulerSettings>(manager);
+    InstanceRegistry registry;
+    ScopedInstanceRegistry installed(&registry);
+    const auto find = [&](const char* key) { return registry.DoFind(key); };
     {
-        SchedulerSettings settings(std::make_shared<CountingSettingsManager>());
-        EXPECT_EQ(registry.Find<ICaptureDurationLimitSettings>(), &settings);
-        EXPECT_EQ(registry.Find<ICaptureSchedulerSettings>(), &settings);
+        const SchedulerSettings settings(manager);
+        unpublished.reset();
+        EXPECT_EQ(find("Vexlor::QK::ICaptureDurationLimitSettings"),
+                  static_cast<const ICaptureDurationLimitSettings*>(&settings));
+        EXPECT_EQ(find("Vexlor::QK::ICaptureSchedulerSettings"),
+                  static_cast<const ICaptureSchedulerSettings*>(&settings));
     }
-    std::vector<std::string> calls;
-    for (const auto& call : registry.calls) {
-        calls.push_back(call.op + " " + call.key);
-    }
-    EXPECT_EQ(calls,
-              (std::vector<std::string>{"register Vexlor::QK::ICaptureDurationLimitSettings",
-                                        "register Vexlor::QK::ICaptureSchedulerSettings",
-                                        "unregister Vexlor::QK::ICaptureSchedulerSettings",
-                                        "unregister Vexlor::QK::ICaptureDurationLimitSettings"}));
+    EXPECT_EQ(find("Vexlor::QK::ICaptureDurationLimitSettings"), nullptr);
+    EXPECT_EQ(find("Vexlor::QK::ICaptureSchedulerSettings"), nullptr);
 }
 
 }  // namespace

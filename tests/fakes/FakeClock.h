@@ -10,21 +10,17 @@ inline Time::TimePoint AtMicros(long long micros) {
     return Time::TimePoint(Time::Microseconds(micros));
 }
 
-// A clock that reports whatever the test sets and counts its readings.
+// Reports whatever the test puts in `now` and counts its readings.
 class FakeClock : public Time::ISystemClock {
 public:
     explicit FakeClock(Time::TimePoint now = AtMicros(0)) : now(now) {}
-
     Time::TimePoint Now() const override {
         ++reads;
         return now;
     }
-    std::time_t ToTimeT(const Time::TimePoint& timePoint) const override {
-        return static_cast<std::time_t>(timePoint.time_since_epoch().count() / 1000000);
+    std::time_t ToTimeT(const Time::TimePoint& t) const override {
+        return static_cast<std::time_t>(t.time_since_epoch().count() / 1000000);
     }
-
-    void Set(Time::TimePoint value) { now = value; }
-    void Advance(Time::Microseconds by) { now += by; }
 
     Time::TimePoint now;
     mutable int reads = 0;

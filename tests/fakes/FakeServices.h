@@ -1,8 +1,7 @@
 #pragma once
 
-#include <algorithm>
 #include <functional>
-#include <memory>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -18,62 +17,54 @@ namespace Vexlor::Testing {
 class FakeTimer : public Time::IDurationTimer {
 public:
     using Time::IDurationTimer::Start;
-
     struct Armed {
-        std::unique_ptr<Time::TimerId> id;
+        Time::TimerId id;
         Time::Microseconds duration;
         Callback callback;
     };
 
     Time::TimerId* Start(const Time::Microseconds& duration, Callback callback) override {
-        armed.push_back({std::make_unique<Time::TimerId>(), duration, std::move(callback)});
-        return armed.back().id.get();
+        armed.push_back({{}, duration, std::move(callback)});
+        return &armed.back().id;
     }
     void Stop(Time::TimerId* id) override {
-        const auto same = [id](const Armed& timer) { return timer.id.get() == id; };
-        armed.erase(std::remove_if(armed.begin(), armed.end(), same), armed.end());
+        armed.remove_if([id](const Armed& timer) { return &timer.id == id; });
     }
-    // Finishes the oldest armed timer with `reason`; false when none is armed.
+    // Finishes the oldest armed timer, whose id stays valid meanwhile; false when none is.
     bool Fire(FinishReason reason = FinishReason::Elapsed) {
         if (armed.empty()) {
             return false;
         }
-        Armed timer = std::move(armed.front());  // its id stays valid during the callback
-        armed.erase(armed.begin());
-        timer.callback(reason);
+        std::list<Armed> fired;
+        fired.splice(fired.end(), armed, armed.begin());
+        fired.front().callback(reason);
         return true;
     }
 
-    std::vector<Armed> armed;
+    std::list<Armed> armed;
 };
 
-class FakeGateway : public ExternalStimulus::IGateway {
-public:
-    void SendStimulus(ExternalStimulus::Stimulus stimulus) override {
-        sent.push_back(std::move(stimulus));
-    }
+struct FakeGateway : ExternalStimulus::IGateway {
+    void SendStimulus(ExternalStimulus::Stimulus s) override { sent.push_back(std::move(s)); }
     std::vector<ExternalStimulus::Stimulus> sent;
 };
 
-class FakePowerManager : public App::IPowerManager {
-public:
+struct FakePowerManager : App::IPowerManager {
     void PreventSleep() override { calls.push_back("PreventSleep"); }
     void AllowSleep() override { calls.push_back("AllowSleep"); }
     std::vector<std::string> calls;
 };
 
-class FakeUiSettings : public QK::IUiSettings {
-public:
+struct FakeUiSettings : QK::IUiSettings {
     bool IsLeadTimeEnabled() const override { return leadEnabled; }
     Time::Microseconds GetLeadTime() const override { return lead; }
     bool leadEnabled = false;
     Time::Microseconds lead{0};
 };
 
-// In-memory scheduler settings that count their writes. `onSetSchedule` runs after every
-// schedule write, as an application's settings observer would.
-class FakeSchedulerSettings : public QK::ICaptureSchedulerSettings {
-public:
+// In memory, counting writes; `onSetSchedule` runs after each schedule write, as an
+// application's settings observer would.
+struct FakeSchedulerSettings : QK::ICaptureSchedulerSettings {
     void RegisterEventHandler(QK::ICaptureSchedulerSettingsObserver*) override {}
     void UnregisterEventHandler(QK::ICaptureSchedulerSettingsObserver*) override {}
     bool IsSchedulerEnabled() const override { return enabled; }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -8,25 +7,18 @@
 
 namespace Vexlor::Testing {
 
-// Collects what glog is asked to write while it exists.
-class LogCapture : public google::LogSink {
-public:
-    struct Entry {
-        google::LogSeverity severity;
-        std::string message;
-    };
+// Collects "SEVERITY: message" for what glog is asked to write while it exists. For tests
+// that log from one thread only.
+struct LogCapture : google::LogSink {
+    LogCapture() { google::AddLogSink(this); }
+    ~LogCapture() override { google::RemoveLogSink(this); }
+    void send(google::LogSeverity severity, const char*, const char*, int, const struct ::tm*,
+              const char* message, size_t length) override {
+        entries.push_back(google::GetLogSeverityName(severity) +
+                          (": " + std::string(message, length)));
+    }
 
-    LogCapture();
-    ~LogCapture() override;
-
-    void send(google::LogSeverity severity, const char* fullFilename, const char* baseFilename,
-              int line, const struct ::tm* tmTime, const char* message, size_t messageLen) override;
-
-    std::vector<Entry> Entries() const;
-
-private:
-    mutable std::mutex mutex;
-    std::vector<Entry> entries;
+    std::vector<std::string> entries;
 };
 
 }  // namespace Vexlor::Testing

@@ -1,6 +1,6 @@
-// An application embedding the installed library: it publishes a registry, keeps its
-// settings in a file, wires the platform services into a Scheduler, lets one scheduled
-// recording start on its event loop, and links the D-Bus back-ends without QtDBus itself.
+// An application on the installed library: it publishes a registry, keeps its settings in a
+// file, wires the platform services into a Scheduler, lets one scheduled recording start on
+// its event loop, and links the D-Bus back-ends without QtDBus of its own.
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -24,8 +24,7 @@
 
 using namespace Vexlor;
 
-class StartedObserver : public QK::ISchedulerObserver {
-public:
+struct StartedObserver : QK::ISchedulerObserver {
     void OnScheduledCaptureStarted(const QK::RecordTime& record) override { title = record.title; }
     QString title;
 };
@@ -37,13 +36,9 @@ int main(int argc, char** argv) {
     QK::ScopedInstanceRegistry scope(&registry);
     QTemporaryDir dir;
 
-    auto clock = std::make_shared<Time::SystemClock>();
     auto settings = std::make_shared<QK::SchedulerSettings>(
         std::make_shared<App::IniSettingsManager>(dir.filePath(QStringLiteral("app.ini"))));
-    QK::RecordTime record;
-    record.title = QStringLiteral("Demo");
-    record.startTime = clock->Now() + 200ms;
-    record.duration = 5s;
+    const QK::RecordTime record{QStringLiteral("Demo"), Time::SystemClock().Now() + 200ms, 5s};
     settings->SetSchedule({record});
     settings->SetSchedulerEnabled(true);
 
@@ -54,18 +49,17 @@ int main(int argc, char** argv) {
     });
     auto power = std::make_shared<App::StatePowerManager>();
     QK::Scheduler scheduler(settings, std::make_shared<QK::FixedUiSettings>(false, 0us), gateway,
-                            power, clock, std::make_shared<Time::QtDurationTimer>());
+                            power, std::make_shared<Time::SystemClock>(),
+                            std::make_shared<Time::QtDurationTimer>());
     StartedObserver observer;
     scheduler.RegisterEventHandler(&observer);
-    const bool published =
-        registry.Find<QK::IScheduler>() == static_cast<QK::IScheduler*>(&scheduler);
-    const bool polling = scheduler.IsEnabled() && power->IsSleepPrevented();
+    bool ok = registry.Find<QK::IScheduler>() == &scheduler && scheduler.IsEnabled() &&
+              power->IsSleepPrevented();
 
     QTimer::singleShot(5000, &app, &QCoreApplication::quit);
     app.exec();
-
-    bool ok = published && polling && observer.title == record.title && !scheduler.IsEnabled() &&
-              settings->GetSchedule().empty() && !settings->IsSchedulerEnabled();
+    ok = ok && observer.title == record.title && !scheduler.IsEnabled() &&
+         settings->GetSchedule().empty() && !settings->IsSchedulerEnabled();
 #ifdef CONSUMER_WITH_DBUS
     // Taken, not called: the result would depend on the machine's buses.
     bool (*volatile logindCheck)(std::chrono::milliseconds) = &App::LogindPowerManager::IsAvailable;
