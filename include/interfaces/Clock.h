@@ -4,7 +4,7 @@
 #include <ctime>
 #include <ratio>
 
-#include "vexlor_platform_export.h"
+#include "vexlor_host_core_export.h"
 
 namespace Vexlor::Time {
 
@@ -33,7 +33,7 @@ public:
 
 // The wall clock: microseconds since the Unix epoch. Tests may pin the time that every
 // SystemClock in the process reports, since the editor and the notice make their own.
-class VEXLOR_PLATFORM_EXPORT SystemClock : public ISystemClock {
+class VEXLOR_HOST_CORE_EXPORT SystemClock : public ISystemClock {
 public:
     TimePoint Now() const override;
     std::time_t ToTimeT(const TimePoint& timePoint) const override;
