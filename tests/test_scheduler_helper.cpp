@@ -5,6 +5,7 @@
 
 #include "Scheduler/SchedulerHelper.h"
 #include "fakes/FakeClock.h"
+#include "testing/SystemClockPin.h"
 
 namespace Vexlor::QK {
 namespace {
@@ -26,8 +27,8 @@ QString Titles(const RecordTimeList& list) {
 
 class SchedulerHelperTest : public testing::Test {
 protected:
-    SchedulerHelperTest() { Time::SystemClock::SetFixedNow(Testing::AtMicros(NOW)); }
-    ~SchedulerHelperTest() override { Time::SystemClock::ClearFixedNow(); }
+    SchedulerHelperTest() { Testing::PinSystemClock(Testing::AtMicros(NOW)); }
+    ~SchedulerHelperTest() override { Testing::UnpinSystemClock(); }
     SchedulerHelper editor;
 };
 

@@ -18,6 +18,7 @@
 #include "platform/QtDurationTimer.h"
 #include "platform/QueuedGateway.h"
 #include "platform/StatePowerManager.h"
+#include "testing/SystemClockPin.h"
 
 namespace Vexlor::QK {
 namespace {
@@ -44,7 +45,7 @@ RecordTime Rec(Time::TimePoint start) {
 }
 
 TEST(SchedulerOnEventLoop, RequestsOnceOnTimeAndDropsWhatPassesDuringACapture) {
-    Time::SystemClock::ClearFixedNow();
+    Testing::UnpinSystemClock();
     auto clock = std::make_shared<Time::SystemClock>();
     auto gateway = std::make_shared<ExternalStimulus::QueuedGateway>();
     auto power = std::make_shared<App::StatePowerManager>();
