@@ -11,6 +11,11 @@ function(vexlor_package_library target)
     EXPORT_NAME ${ARG_EXPORT_NAME}
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+  # Every symbol must come from a declared dependency, so a link that reaches past its layer
+  # fails. Not with sanitizers: clang leaves their runtime to the executable.
+  if(NOT VEXLOR_SANITIZE)
+    target_link_options(${target} PRIVATE LINKER:--no-undefined)
+  endif()
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>
     $<INSTALL_INTERFACE:${VEXLOR_INSTALL_INCLUDEDIR}>)

@@ -7,8 +7,9 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
 "$root/scripts/install-deps.sh"
 
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DVEXLOR_BUILD_TESTS=OFF
-cmake --build build-bench --target bench_core start_latency vexlor-schedule
+# The measurements are read, not pass/fail tests, so the bench preset has no ctest step.
+cmake --preset bench
+cmake --build --preset bench
 
 build-bench/bench/bench_core --benchmark_repetitions=10 --benchmark_report_aggregates_only=true \
   2>&1 | grep -E '^(Run on|CPU|BM_.*_median)'

@@ -2,7 +2,8 @@
 # Installs the dependencies, then builds and tests three ways: an optimised build with the
 # whole suite, the suite again under AddressSanitizer and UndefinedBehaviorSanitizer, and
 # the observer-list concurrency tests under ThreadSanitizer, then a bounded libFuzzer run of
-# the stored-schedule decoder. Warnings are errors.
+# the stored-schedule decoder. Warnings are errors. Each build is a preset of
+# CMakePresets.json, in build-<preset>/.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -14,34 +15,25 @@ section() { printf '\n== %s ==\n' "$*"; }
 section "format"
 git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 
+# Configures, builds and runs the tests of one preset.
+run_preset() {
+  cmake --preset "$1"
+  cmake --build --preset "$1"
+  ctest --preset "$1"
+}
+
 section "release build and tests"
-cmake -S . -B build-release -G Ninja -DCMAKE_BUILD_TYPE=Release -DVEXLOR_WERROR=ON
-cmake --build build-release
-ctest --test-dir build-release --output-on-failure -j2
+run_preset release
 
 section "address and undefined-behaviour sanitizers"
-cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXLOR_WERROR=ON \
-  -DVEXLOR_SANITIZE=address,undefined -DVEXLOR_BUILD_BENCHMARKS=OFF
-cmake --build build-asan
-ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1 UBSAN_OPTIONS=print_stacktrace=1 \
-  ctest --test-dir build-asan --output-on-failure -j2
+run_preset asan
 
 section "thread sanitizer (observer lists)"
-cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXLOR_WERROR=ON \
-  -DVEXLOR_SANITIZE=thread -DVEXLOR_BUILD_BENCHMARKS=OFF
-cmake --build build-tsan --target test_event_handler_list_concurrency
-TSAN_OPTIONS=halt_on_error=1 build-tsan/tests/test_event_handler_list_concurrency
+run_preset tsan
 
 section "fuzzing the stored-schedule decoder (60 s)"
-# Only the decoder, Qt and the platform library are built here. New inputs go to the build
-# tree; the committed seeds stay as they are.
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DVEXLOR_WERROR=ON -DVEXLOR_BUILD_FUZZERS=ON -DVEXLOR_BUILD_TESTS=OFF \
-  -DVEXLOR_BUILD_BENCHMARKS=OFF -DVEXLOR_BUILD_TOOLS=OFF
-cmake --build build-fuzz --target fuzz_schedule_decoder
-mkdir -p build-fuzz/fuzz-corpus
-build-fuzz/fuzz/fuzz_schedule_decoder -max_total_time=60 -rss_limit_mb=512 -print_final_stats=1 \
-  build-fuzz/fuzz-corpus fuzz/corpus
-build-fuzz/fuzz/fuzz_schedule_decoder -runs=0 -rss_limit_mb=512 fuzz/corpus build-fuzz/fuzz-corpus
+# Only the decoder and Qt are built here: a 60 s session (-rss_limit_mb=512), then a replay
+# of the seeds and of what the session found, which stays in build-fuzz/fuzz-corpus.
+run_preset fuzz
 
 section "all checks passed"

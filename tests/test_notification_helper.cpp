@@ -10,6 +10,7 @@
 #include "fakes/FakeServices.h"
 #include "fakes/LogCapture.h"
 #include "platform/AppServices.h"
+#include "testing/SystemClockPin.h"
 
 namespace Vexlor::QK {
 namespace {
@@ -56,13 +57,13 @@ protected:
     }
     ~NoticeTest() override {
         DesktopNotification::Presenter::Factory::GetInstance().SetCreator({});
-        Time::SystemClock::ClearFixedNow();
+        Testing::UnpinSystemClock();
     }
 
     // One tick, with front 0 for an empty schedule; "-" when the presenter was not called.
     std::string TickAt(long long now, long long front) {
         settings->schedule = front ? RecordTimeList{Rec(front), Rec(S)} : RecordTimeList{};
-        Time::SystemClock::SetFixedNow(Testing::AtMicros(now));
+        Testing::PinSystemClock(Testing::AtMicros(now));
         if (!notifier)
             notifier = std::make_unique<NotificationHelper::Impl>(settings, customization, look);
         const std::size_t before = presenter->calls.size();

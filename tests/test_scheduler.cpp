@@ -18,6 +18,7 @@
 #include "fakes/FakeServices.h"
 #include "fakes/LogCapture.h"
 #include "interfaces/InstanceRegistry.h"
+#include "testing/SystemClockPin.h"
 
 namespace Vexlor::QK {
 namespace {
@@ -266,8 +267,8 @@ TEST_F(SchedulerTest, PublishedUntilDestroyedThenReachedByNeitherTimerNorHeldCal
 // The editor reads the wall clock, pinned at T0; say that is 08:00.
 class SchedulerHelperTest : public testing::Test {
 protected:
-    SchedulerHelperTest() { Time::SystemClock::SetFixedNow(AtMicros(T0)); }
-    ~SchedulerHelperTest() override { Time::SystemClock::ClearFixedNow(); }
+    SchedulerHelperTest() { Testing::PinSystemClock(AtMicros(T0)); }
+    ~SchedulerHelperTest() override { Testing::UnpinSystemClock(); }
     QString Titles() const {
         QStringList titles;
         for (const RecordTime& record : editor.GetPreparedSchedule()) {

@@ -18,6 +18,7 @@
 #include "platform/QtDurationTimer.h"
 #include "platform/QueuedGateway.h"
 #include "platform/StatePowerManager.h"
+#include "testing/SystemClockPin.h"
 
 namespace Vexlor::QK {
 namespace {
@@ -41,7 +42,7 @@ void RunLoopFor(int ms) {
 
 // Polled every 100 ms: the request comes on time, through the gateway's event loop.
 TEST(SchedulerOnEventLoop, RequestsOnTimeAndKeepsSleepPreventedAsAState) {
-    Time::SystemClock::ClearFixedNow();
+    Testing::UnpinSystemClock();
     auto clock = std::make_shared<Time::SystemClock>();
     auto gateway = std::make_shared<ExternalStimulus::QueuedGateway>();
     auto power = std::make_shared<App::StatePowerManager>();

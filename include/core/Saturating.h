@@ -1,8 +1,8 @@
 #pragma once
 
+#include <chrono>
 #include <limits>
-
-#include "interfaces/Clock.h"
+#include <ratio>
 
 namespace Vexlor::Core {
 
@@ -26,19 +26,28 @@ inline long long SaturatingSub(long long a, long long b) {
     return result;
 }
 
-inline Time::TimePoint SaturatingAdd(Time::TimePoint t, Time::Microseconds d) {
-    return Time::TimePoint(
-        Time::Microseconds(SaturatingAdd(t.time_since_epoch().count(), d.count())));
+// The time overloads take any clock's time points in 64-bit microseconds (the scheduler's
+// Time::TimePoint among them), so this header needs nothing from interfaces/.
+using SaturatingMicros = std::chrono::duration<long long, std::micro>;
+template <typename Clock>
+using SaturatingTimePoint = std::chrono::time_point<Clock, SaturatingMicros>;
+
+template <typename Clock>
+SaturatingTimePoint<Clock> SaturatingAdd(SaturatingTimePoint<Clock> t, SaturatingMicros d) {
+    return SaturatingTimePoint<Clock>(
+        SaturatingMicros(SaturatingAdd(t.time_since_epoch().count(), d.count())));
 }
 
-inline Time::TimePoint SaturatingSub(Time::TimePoint t, Time::Microseconds d) {
-    return Time::TimePoint(
-        Time::Microseconds(SaturatingSub(t.time_since_epoch().count(), d.count())));
+template <typename Clock>
+SaturatingTimePoint<Clock> SaturatingSub(SaturatingTimePoint<Clock> t, SaturatingMicros d) {
+    return SaturatingTimePoint<Clock>(
+        SaturatingMicros(SaturatingSub(t.time_since_epoch().count(), d.count())));
 }
 
 // a - b between two time points.
-inline Time::Microseconds SaturatingDiff(Time::TimePoint a, Time::TimePoint b) {
-    return Time::Microseconds(
+template <typename Clock>
+SaturatingMicros SaturatingDiff(SaturatingTimePoint<Clock> a, SaturatingTimePoint<Clock> b) {
+    return SaturatingMicros(
         SaturatingSub(a.time_since_epoch().count(), b.time_since_epoch().count()));
 }
 

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <ratio>
 
-#include "vexlor_platform_export.h"
+#include "vexlor_host_core_export.h"
 
 namespace Vexlor::Time {
 
@@ -31,15 +31,11 @@ public:
     virtual std::time_t ToTimeT(const TimePoint& timePoint) const = 0;
 };
 
-// The wall clock: microseconds since the Unix epoch. Tests may pin the time that every
-// SystemClock in the process reports, since the editor and the notice make their own.
-class VEXLOR_PLATFORM_EXPORT SystemClock : public ISystemClock {
+// The wall clock: microseconds since the Unix epoch.
+class VEXLOR_HOST_CORE_EXPORT SystemClock : public ISystemClock {
 public:
     TimePoint Now() const override;
     std::time_t ToTimeT(const TimePoint& timePoint) const override;
-
-    static void SetFixedNow(TimePoint now);
-    static void ClearFixedNow();
 };
 
 }  // namespace Vexlor::Time

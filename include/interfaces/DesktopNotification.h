@@ -5,7 +5,7 @@
 
 #include <QString>
 
-#include "vexlor_platform_export.h"
+#include "vexlor_host_core_export.h"
 
 namespace Vexlor::DesktopNotification {
 
@@ -40,7 +40,7 @@ namespace Presenter {
 // Process-wide source of presenters. The application chooses what it makes with
 // SetCreator; without a creator, or when the creator returns null, it makes a console
 // presenter, so the result is never null.
-class VEXLOR_PLATFORM_EXPORT Factory {
+class VEXLOR_HOST_CORE_EXPORT Factory {
 public:
     using Creator = std::function<std::shared_ptr<IPresenter>(int style, int priority,
                                                               const QString& category)>;

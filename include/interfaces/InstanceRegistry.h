@@ -8,14 +8,14 @@
 #include <utility>
 #include <vector>
 
-#include "vexlor_platform_export.h"
+#include "vexlor_host_core_export.h"
 
 namespace Vexlor::QK {
 
 // Process-wide directory in which modules publish service objects under the readable name
 // of an interface ("Vexlor::QK::IScheduler") and find them again. There is none until the
 // application installs one; Instance() is then null and publishing is skipped.
-class VEXLOR_PLATFORM_EXPORT InstanceRegistry {
+class VEXLOR_HOST_CORE_EXPORT InstanceRegistry {
 public:
     InstanceRegistry();
     virtual ~InstanceRegistry();

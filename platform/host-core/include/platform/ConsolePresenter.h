@@ -6,14 +6,14 @@
 #include <QString>
 
 #include "interfaces/DesktopNotification.h"
-#include "vexlor_platform_export.h"
+#include "vexlor_host_core_export.h"
 
 namespace Vexlor::DesktopNotification {
 
 // Writes notices as text lines, for hosts without a desktop: one line when a notice is
 // shown (title and text) and one when it is withdrawn. Plain text only, so it answers
 // false to every feature.
-class VEXLOR_PLATFORM_EXPORT ConsolePresenter : public IPresenter {
+class VEXLOR_HOST_CORE_EXPORT ConsolePresenter : public IPresenter {
 public:
     using Sink = std::function<void(const QString& line)>;
 

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "interfaces/Clock.h"
+#include "testing/SystemClockPin.h"
 
 namespace Vexlor::Time {
 
@@ -28,12 +29,16 @@ std::time_t SystemClock::ToTimeT(const TimePoint& timePoint) const {
         std::chrono::floor<std::chrono::seconds>(timePoint.time_since_epoch()).count());
 }
 
-void SystemClock::SetFixedNow(TimePoint now) {
-    fixedNow.store(now.time_since_epoch().count(), std::memory_order_relaxed);
-}
-
-void SystemClock::ClearFixedNow() {
-    fixedNow.store(NOT_FIXED, std::memory_order_relaxed);
-}
-
 }  // namespace Vexlor::Time
+
+namespace Vexlor::Testing {
+
+void PinSystemClock(Time::TimePoint now) {
+    Time::fixedNow.store(now.time_since_epoch().count(), std::memory_order_relaxed);
+}
+
+void UnpinSystemClock() {
+    Time::fixedNow.store(Time::NOT_FIXED, std::memory_order_relaxed);
+}
+
+}  // namespace Vexlor::Testing
