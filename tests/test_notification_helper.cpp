@@ -9,7 +9,7 @@
 #include "fakes/FakeClock.h"
 #include "fakes/FakeServices.h"
 #include "fakes/LogCapture.h"
-#include "platform/AppServices.h"
+#include "platform/FixedServices.h"
 #include "testing/SystemClockPin.h"
 
 namespace Vexlor::QK {

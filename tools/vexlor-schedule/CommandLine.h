@@ -30,7 +30,7 @@ struct RunOptions {
     Time::Microseconds lead{0};
     std::optional<QString> exec;
     bool untilEmpty = false;
-    std::optional<NoticeChoice> notice;  // unset: chosen from the session, see Backends.h
+    std::optional<NoticeChoice> notice;  // unset: chosen from the session, see DesktopBackends.h
     bool keepAwake = true;
 };
 

@@ -10,10 +10,10 @@
 
 #include "ControlChannel.h"
 #include "Diagnostics.h"
-#include "Edit.h"
 #include "FileLock.h"
 #include "RunCommand.h"
 #include "ScheduleLocation.h"
+#include "ScheduleRequests.h"
 #include "SettingsPath.h"
 #include "StoredSettings.h"
 

@@ -1,4 +1,4 @@
-#include "Edit.h"
+#include "ScheduleRequests.h"
 
 #include <algorithm>
 

@@ -3,7 +3,7 @@
 #include <limits>
 
 #include "Commands.h"
-#include "Edit.h"
+#include "ScheduleRequests.h"
 
 // The edits themselves, on states held in memory: the same code serves a lone edit on the
 // file and the active run.

@@ -1,4 +1,4 @@
-#include "platform/AppServices.h"
+#include "platform/FixedServices.h"
 
 #include <utility>
 

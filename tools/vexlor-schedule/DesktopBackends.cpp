@@ -1,4 +1,4 @@
-#include "Backends.h"
+#include "DesktopBackends.h"
 
 #include <utility>
 
