@@ -36,13 +36,13 @@ private:
 };
 
 struct ControlAnswer {
-    enum Kind { NoServer, Answered, Lost } kind = NoServer;
+    enum Kind { Answered, Lost } kind = Lost;
     QByteArray answer;  // Answered
 };
 
-// Connects to the run listening at `socketPath`, if any, and hands it `request`.
-// NoServer: nobody listens. Lost: the run went away (or did not answer within `patience`)
-// before it answered; whether it took the edit is unknown only in the second case.
+// Connect: whether a run listens at `socketPath`. Exchange hands it `request`; Lost: the run
+// went away before it answered (it never took the edit), or did not answer within
+// `patience` (whether it took the edit is unknown).
 struct ControlClient {
     static bool Connect(QLocalSocket& socket, const QString& socketPath);
     static ControlAnswer Exchange(QLocalSocket& socket, const QByteArray& request, int patienceMs);
