@@ -9,6 +9,11 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
   dbus
+  # The user service: sd_notify, and systemd-analyze with systemd's pkg-config file.
+  libsystemd-dev systemd
+  # Real desktop services in the tests: logind mocked, a notification server on Xvfb, and
+  # ffmpeg for the screenshot kept from it.
+  python3-dbusmock dunst xvfb ffmpeg
 )
 
 missing=()
