@@ -10,6 +10,10 @@
 #include <QDBusMessage>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QThread>
 
@@ -130,6 +134,62 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
     seen += stopped.out;
     EXPECT_FALSE(seen.contains("recording started")) << seen.toStdString();
     EXPECT_FALSE(seen.contains("\"Later\" at")) << seen.toStdString();  // not missed
+}
+
+// dunst on an X server of the test's own; what it shows is kept in the build tree as
+// VEXLOR_TEST_ARTEFACTS/notice-on-dunst.png.
+TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
+    ASSERT_NO_FATAL_FAILURE(StartBus());
+    const QString display = ":" + FirstLine(Helper("Xvfb", {"-displayfd", "1", "-screen", "0",
+                                                            "800x200x24", "-nolisten", "tcp"}));
+    ASSERT_NE(display, ":");
+    QFile config(FilePath("dunstrc"));
+    ASSERT_TRUE(config.open(QIODevice::WriteOnly));
+    config.write(
+        "[global]\nidle_threshold = 0\nwidth = 780\norigin = top-left\noffset = 10x10\n"
+        "[urgency_normal]\ntimeout = 0\n");
+    config.close();
+    QProcessEnvironment environment = Environment();
+    environment.insert("DISPLAY", display);
+    Helper("dunst", {"-config", config.fileName()}, environment);
+    ASSERT_TRUE(WaitForName("org.freedesktop.Notifications"));
+    const auto dunstctl = [&environment](const QStringList& arguments) {
+        QProcess control;
+        control.setProcessEnvironment(environment);
+        control.start("dunstctl", arguments);
+        control.waitForFinished(10000);
+        return QString::fromUtf8(control.readAllStandardOutput()).trimmed();
+    };
+
+    Add({"Later", "--in", "4h", "--enable"});
+    const QString at = Run({"list"}).out.section(' ', 1, 1).left(5);  // HH:MM
+    auto run = Start({"run", "--notify", "desktop", "--no-keep-awake"});
+    ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 15000)) << seen.toStdString();
+    EXPECT_EQ(dunstctl({"count", "displayed"}), "1");
+    const QString picture = VEXLOR_TEST_ARTEFACTS "/notice-on-dunst.png";
+    QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "x11grab", "-i", display,
+                                 "-frames:v", "1", picture});
+    EXPECT_GT(QFileInfo(picture).size(), 0);
+
+    ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
+    ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000))
+        << seen.toStdString();
+    QString displayed;
+    for (int i = 0; i < 30 && (displayed = dunstctl({"count", "displayed"})) != "0"; ++i) {
+        QThread::msleep(100);
+    }
+    EXPECT_EQ(displayed, "0");
+    // A closed notice goes to the server's history, with what it showed.
+    const QJsonArray history = QJsonDocument::fromJson(dunstctl({"history"}).toUtf8())
+                                   .object()["data"]
+                                   .toArray()
+                                   .at(0)
+                                   .toArray();
+    ASSERT_EQ(history.size(), 1);
+    const QJsonObject notice = history.at(0).toObject();
+    EXPECT_EQ(notice["summary"].toObject()["data"].toString(), "vexlor-schedule");
+    EXPECT_TRUE(notice["body"].toObject()["data"].toString().contains(at)) << at.toStdString();
+    Stop(*run);
 }
 
 struct ReadyRow {
