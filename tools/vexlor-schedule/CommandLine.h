@@ -40,6 +40,7 @@ struct Invocation {
     AddOptions add;
     QString removeTitle;
     RunOptions run;
+    QString helpText;  // CommandName::Help: what to print
 };
 
 struct ParseResult {
@@ -48,9 +49,8 @@ struct ParseResult {
 };
 
 // `arguments` are the bytes of argv after the program name, as the system passed them: each
-// must be UTF-8, so that nothing is silently replaced on the way in.
+// must be UTF-8, so that nothing is silently replaced on the way in. "--help" after a command,
+// or alone, gives CommandName::Help with that command's help text.
 ParseResult ParseCommandLine(const QList<QByteArray>& arguments);
-
-QString UsageText();
 
 }  // namespace Vexlor::ScheduleTool
