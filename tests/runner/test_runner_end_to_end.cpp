@@ -154,7 +154,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(RunnerTest, CommandHelpGoesToStandardOutput) {
     const Outcome help = Run({"run", "--help"});
     EXPECT_EQ(help.exitCode, 0);
-    EXPECT_TRUE(help.out.contains("--exec COMMAND")) << help.out.toStdString();
+    EXPECT_TRUE(help.out.contains("--capture screen|simulate")) << help.out.toStdString();
 }
 
 // Through a shell, which passes the bytes on as they are.

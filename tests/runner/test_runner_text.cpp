@@ -178,7 +178,9 @@ std::string Outcome(const ParseResult& parsed) {
                << (run.untilEmpty ? "until-empty" : "")
                << QStringLiteral("notify=") +
                       (run.notice ? notices[static_cast<int>(*run.notice)] : "auto")
-               << (run.keepAwake ? "" : "no-keep-awake");
+               << (run.keepAwake ? "" : "no-keep-awake")
+               << (run.capture == CaptureKind::Screen ? "screen" : "simulate")
+               << (run.outputDir ? "output=" + *run.outputDir : "") << (run.audio ? "audio" : "");
     }
     if (invocation.command == CommandName::Remove) {
         fields << invocation.removeTitle;
@@ -288,12 +290,19 @@ INSTANTIATE_TEST_SUITE_P(
         ArgumentsRow{"RemoveAfterDashes", {"remove", "--", "--old"}, "remove --old"},
         ArgumentsRow{"RemoveDashes", {"remove", "--", "--"}, "remove --"},
         ArgumentsRow{"RemoveNoTitle", {"remove"}, "refused: TITLE"},
-        ArgumentsRow{"RunDefaults", {"run"}, "run lead=0 notify=auto"},
+        ArgumentsRow{"RunDefaults", {"run"}, "run lead=0 notify=auto simulate"},
         ArgumentsRow{"RunEveryOption",
-                     {"run", "--lead", "5m", "--exec", "x", "--until-empty", "--notify=console",
+                     {"run", "--lead", "5m", "--exec", "x", "--until-empty", "--notify", "console",
                       "--no-keep-awake"},
-                     "run lead=5m exec=x until-empty notify=console no-keep-awake"},
-        ArgumentsRow{"RunBadNotify", {"run", "--notify", "loud"}, "refused: --notify: \"loud\""},
+                     "run lead=5m exec=x until-empty notify=console no-keep-awake simulate"},
+        ArgumentsRow{"RunScreen",
+                     {"run", "--capture", "screen", "--output", "/v", "--audio", "--notify=none"},
+                     "run lead=0 notify=none screen output=/v audio"},
+        ArgumentsRow{"RunExecAndCapture",
+                     {"run", "--exec", "x", "--capture", "simulate"},
+                     "refused: --exec excludes --capture"},
+        ArgumentsRow{
+            "RunBadCapture", {"run", "--capture", "video"}, "refused: --capture: \"video\""},
         ArgumentsRow{"RunBlankExec", {"run", "--exec", " "}, "refused: --exec: needs a command"}),
     [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
 

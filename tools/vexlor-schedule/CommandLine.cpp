@@ -189,7 +189,21 @@ void DefineRun(CLI::App* run, RunOptions& options) {
              "VEXLOR_TITLE, VEXLOR_START, VEXLOR_DURATION_MS,\n"
              "VEXLOR_TAG and VEXLOR_MODE in its environment. The\n"
              "capture ends when it exits or at the planned end.",
-             TextInto(options.exec, QStringLiteral("needs a command"), true));
+             TextInto(options.exec, QStringLiteral("needs a command"), true))
+        ->excludes(AddValue(
+            run, "--capture", "screen|simulate",
+            "Without --exec, how a capture is made: simulate (the\n"
+            "default) waits for the planned end; screen records the\n"
+            "X11 display with ffmpeg into one file per recording in\n"
+            "--output DIR, default the user's videos folder.",
+            OneOfInto(options.capture, std::vector<std::pair<QString, CaptureKind>>{
+                                           {QStringLiteral("screen"), CaptureKind::Screen},
+                                           {QStringLiteral("simulate"), CaptureKind::Simulate}})));
+    AddValue(run, "--output", "DIR", "The folder of the screen recordings.",
+             TextInto(options.outputDir, QStringLiteral("needs a folder")));
+    run->add_flag("--audio", options.audio,
+                  "Adds the default PulseAudio/PipeWire source to the\n"
+                  "screen recordings.");
     run->add_flag("--until-empty", options.untilEmpty,
                   "Ends once scheduling is off and nothing runs.");
     AddValue(run, "--notify", "desktop|console|none",

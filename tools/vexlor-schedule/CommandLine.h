@@ -15,6 +15,8 @@ enum class CommandName { Add, List, Remove, Clear, Enable, Disable, Status, Run,
 
 enum class NoticeChoice { Desktop, Console, None };
 
+enum class CaptureKind { Simulate, Screen };
+
 struct AddOptions {
     QString title;
     std::optional<Time::TimePoint> at;     // --at, local time converted
@@ -32,6 +34,9 @@ struct RunOptions {
     bool untilEmpty = false;
     std::optional<NoticeChoice> notice;  // unset: chosen from the session, see DesktopBackends.h
     bool keepAwake = true;
+    CaptureKind capture = CaptureKind::Simulate;  // --capture; excludes --exec
+    std::optional<QString> outputDir;             // --output: where screen captures go
+    bool audio = false;                           // --audio: the default source as well
 };
 
 struct Invocation {
