@@ -258,6 +258,7 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
 
 QString ParseRun(ArgumentReader& reader, RunOptions& run) {
     QString error;
+    bool captureGiven = false;
     while (!reader.AtEnd()) {
         const QString argument = reader.Take();
         std::optional<QString> inlineValue;
@@ -270,8 +271,13 @@ QString ParseRun(ArgumentReader& reader, RunOptions& run) {
             run.keepAwake = false;
             continue;
         }
+        if (name == QLatin1String("--audio") && !inlineValue) {
+            run.audio = true;
+            continue;
+        }
         if (name != QLatin1String("--lead") && name != QLatin1String("--exec") &&
-            name != QLatin1String("--notify")) {
+            name != QLatin1String("--notify") && name != QLatin1String("--capture") &&
+            name != QLatin1String("--output")) {
             return QStringLiteral("run: unknown argument %1").arg(argument);
         }
         const auto value = reader.Value(name, inlineValue, error);
@@ -289,6 +295,18 @@ QString ParseRun(ArgumentReader& reader, RunOptions& run) {
                 return QStringLiteral("--exec needs a command");
             }
             run.exec = *value;
+        } else if (name == QLatin1String("--capture")) {
+            if (*value != QLatin1String("screen") && *value != QLatin1String("simulate")) {
+                return QStringLiteral("--capture must be screen or simulate");
+            }
+            captureGiven = true;
+            run.capture = *value == QLatin1String("screen") ? RunOptions::CaptureKind::Screen
+                                                            : RunOptions::CaptureKind::Simulate;
+        } else if (name == QLatin1String("--output")) {
+            if (value->isEmpty()) {
+                return QStringLiteral("--output needs a folder");
+            }
+            run.outputDir = *value;
         } else if (*value == QLatin1String("desktop")) {
             run.notice = NoticeChoice::Desktop;
         } else if (*value == QLatin1String("console")) {
@@ -298,6 +316,12 @@ QString ParseRun(ArgumentReader& reader, RunOptions& run) {
         } else {
             return QStringLiteral("--notify must be desktop, console or none");
         }
+    }
+    if (run.exec && captureGiven) {
+        return QStringLiteral("run takes --exec or --capture, not both");
+    }
+    if ((run.outputDir || run.audio) && run.capture != RunOptions::CaptureKind::Screen) {
+        return QStringLiteral("--output and --audio need --capture screen");
     }
     return {};
 }
@@ -401,6 +425,7 @@ QString UsageText() {
         "  status        the enabled flag, the next recording and the time until it\n"
         "  run [--lead DURATION] [--exec COMMAND] [--until-empty]\n"
         "      [--notify desktop|console|none] [--no-keep-awake]\n"
+        "      [--capture screen|simulate] [--output DIR] [--audio]\n"
         "DURATION: 90s, 30m, 1h30m or 0 (--for 0, the default: no planned end).\n"
         "The settings file is FILE, else $VEXLOR_SCHEDULE_SETTINGS, else one in the user's\n"
         "configuration folder.\n"

@@ -32,6 +32,10 @@ struct RunOptions {
     bool untilEmpty = false;
     std::optional<NoticeChoice> notice;  // unset: chosen from the session, see DesktopBackends.h
     bool keepAwake = true;
+    enum class CaptureKind { Simulate, Screen };
+    CaptureKind capture = CaptureKind::Simulate;  // run --capture screen|simulate
+    std::optional<QString> outputDir;             // run --output DIR
+    bool audio = false;                           // run --audio
 };
 
 struct Invocation {
