@@ -82,7 +82,11 @@ void CaptureController::Begin(const QK::RecordTime& record, Time::TimePoint now)
         // Begun late, the record carries what is left of its duration, counted from now;
         // begun ahead of its start (a lead time), its full duration from the start.
         plannedEnd = Core::SaturatingAdd(std::max(record.startTime, now), record.duration);
-        captureEnd.setRemainingTime(Core::SaturatingDiff(*plannedEnd, now).count() / 1000,
+        // ffmpeg ends by itself at the end of its window; stopped at once, it could miss the
+        // last frame.
+        const Time::TimePoint stopAt =
+            screen ? Core::SaturatingAdd(*plannedEnd, SCREEN_END_GRACE) : *plannedEnd;
+        captureEnd.setRemainingTime(Core::SaturatingDiff(stopAt, now).count() / 1000,
                                     Qt::PreciseTimer);
         if (!ArmDurationLeg()) {
             // A start so late that nothing of the planned duration is left.

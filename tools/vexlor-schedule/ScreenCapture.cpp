@@ -76,12 +76,15 @@ QString Seconds(Time::TimePoint time) {
     return QStringLiteral("%1.%2").arg(us / 1000000).arg(us % 1000000, 6, 10, QLatin1Char('0'));
 }
 
-// Keeps the frames in [start, end] by their wall-clock times and moves start to time 0.
+// Keeps the frames grabbed from `start` by the wall clock, and moves `start` to time 0. The
+// frame grabbed before `end` may be shown until a little before it, so the one grabbed up
+// to a frame's time later is kept too.
 QString Window(const QString& trim, const QString& setpts, Time::TimePoint start,
                std::optional<Time::TimePoint> end) {
     QString filter = QStringLiteral("%1=start=%2").arg(trim, Seconds(start));
     if (end) {
-        filter += QStringLiteral(":end=%1").arg(Seconds(*end));
+        constexpr Time::Microseconds FRAME{1000000 / FRAME_RATE};
+        filter += QStringLiteral(":end=%1").arg(Seconds(*end + FRAME));
     }
     return filter + QStringLiteral(",%1=PTS-%2/TB").arg(setpts, Seconds(start));
 }

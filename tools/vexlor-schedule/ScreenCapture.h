@@ -19,9 +19,12 @@ struct ScreenSetup {
     bool audio = false;  // --audio, and a PulseAudio/PipeWire source answered
 };
 
-// ffmpeg takes a few hundred milliseconds to grab its first frame, so a screen capture is
-// requested this much ahead of its window; the frames before the window are dropped.
-constexpr Time::Microseconds SCREEN_START_UP{1000000};
+// ffmpeg takes 0.2 s to grab its first frame on an idle machine and over 1 s on a busy
+// one, so a screen capture is requested this much ahead of its window; the frames before
+// the window are dropped.
+constexpr Time::Microseconds SCREEN_START_UP{2000000};
+// ffmpeg still running this long after the planned end is asked to end.
+constexpr Time::Microseconds SCREEN_END_GRACE{500000};
 
 // Checks that a screen capture can work: ffmpeg in PATH, an X11 display that ffmpeg can
 // grab, an output folder (created if missing) that takes a new file. Nothing, with `error`
