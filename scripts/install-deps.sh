@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
   dbus
+  ffmpeg xvfb x11-xserver-utils
 )
 
 missing=()

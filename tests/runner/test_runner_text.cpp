@@ -301,6 +301,9 @@ INSTANTIATE_TEST_SUITE_P(
         ArgumentsRow{"RunExecAndCapture",
                      {"run", "--exec", "x", "--capture", "simulate"},
                      "refused: --exec excludes --capture"},
+        ArgumentsRow{"RunOutputWithoutScreen",
+                     {"run", "--output", "/v"},
+                     "refused: --output and --audio need --capture screen"},
         ArgumentsRow{
             "RunBadCapture", {"run", "--capture", "video"}, "refused: --capture: \"video\""},
         ArgumentsRow{"RunBlankExec", {"run", "--exec", " "}, "refused: --exec: needs a command"}),

@@ -312,6 +312,11 @@ ParseResult ParseCommandLine(const QList<QByteArray>& arguments) {
     if (invocation.command == CommandName::Add && !invocation.add.at && !invocation.add.in) {
         return {std::nullopt, QStringLiteral("add needs --at TIME or --in DURATION")};
     }
+    const RunOptions& run = invocation.run;
+    if (invocation.command == CommandName::Run && (run.outputDir || run.audio) &&
+        run.capture != CaptureKind::Screen) {
+        return {std::nullopt, QStringLiteral("--output and --audio need --capture screen")};
+    }
     return {invocation, {}};
 }
 

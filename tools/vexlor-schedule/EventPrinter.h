@@ -25,7 +25,8 @@ public:
     // A logind sleep lock was taken or released.
     void SleepChanged(bool sleepPrevented);
     void RecordingRequested();
-    void RecordingStarted(const QK::RecordTime& record);
+    // `file`, if any, is where the capture goes.
+    void RecordingStarted(const QK::RecordTime& record, const QString& file = {});
     void RecordingFinished(const QString& title, const QString& how);
     void RecordsDropped(const QK::RecordTimeList& records);
     void ScheduleReloaded(bool enabled, std::size_t records);
