@@ -306,6 +306,12 @@ INSTANTIATE_TEST_SUITE_P(
                      "refused: --output and --audio need --capture screen"},
         ArgumentsRow{
             "RunBadCapture", {"run", "--capture", "video"}, "refused: --capture: \"video\""},
+        ArgumentsRow{"RunEmptyInlineExec",
+                     {"run", "--exec=", "--until-empty"},
+                     "refused: --exec needs a value"},
+        ArgumentsRow{"AddTitleEndingInEquals",
+                     {"add", "--in", "1h", "--", "--x="},
+                     "add --x= in=1h for=0 tag=-1 mode=0"},
         ArgumentsRow{"RunBlankExec", {"run", "--exec", " "}, "refused: --exec: needs a command"}),
     [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
 

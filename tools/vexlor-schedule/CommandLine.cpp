@@ -278,10 +278,19 @@ void DefineCommands(CLI::App& app, Invocation& invocation) {
 
 ParseResult ParseCommandLine(const QList<QByteArray>& arguments) {
     std::vector<std::string> backwards;  // as CLI11 takes them
+    bool options = true;                 // until "--"
     for (int i = 0; i < arguments.size(); ++i) {
         if (!DecodeUtf8(arguments[i])) {
             return {std::nullopt, QStringLiteral("argument %1 is not valid UTF-8: \"%2\"")
                                       .arg(QString::number(i + 1), Escaped(arguments[i]))};
+        }
+        options = options && arguments[i] != "--";
+        // CLI11 would read "--exec=" as "--exec" and take the next argument as its value.
+        if (options && arguments[i].startsWith("--") &&
+            arguments[i].indexOf('=') == arguments[i].size() - 1) {
+            return {
+                std::nullopt,
+                QStringLiteral("%1 needs a value").arg(QString::fromUtf8(arguments[i].chopped(1)))};
         }
         backwards.insert(backwards.begin(), arguments[i].toStdString());
     }
