@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds in Release and runs every measurement behind BENCHMARKS.md: the micro-benchmarks
 # with their baselines (medians of 10 repetitions), the start latency on the real event loop
-# idle and with the other core busy, and the runner's CPU use while idle.
+# idle and with the other core busy, the runner's CPU use while idle, and how far the window
+# that a screen capture records lies from the planned one.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -16,3 +17,4 @@ build-bench/bench/bench_core --benchmark_repetitions=10 --benchmark_report_aggre
 build-bench/bench/start_latency --records 200
 build-bench/bench/start_latency --records 200 --busy
 scripts/idle-cpu.sh build-bench 60
+bench/capture_window.sh build-bench 24

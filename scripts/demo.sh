@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs the dependencies, builds the runner and lets it carry out one short recording:
-# planned 5 s ahead for 3 s, run to its end, then the (now empty) schedule is listed.
+# Installs the dependencies, builds the runner and lets it record the screen once: a
+# recording planned 5 s ahead for 3 s, run to its end; then the video's name, duration and
+# size, and the (now empty) schedule. Without a display it records an X server of its own
+# (Xvfb) on which ffplay shows a moving test picture.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
@@ -11,9 +13,34 @@ cmake -S . -B build-demo -G Ninja -DCMAKE_BUILD_TYPE=Release \
 cmake --build build-demo --target vexlor-schedule
 
 program="$root/build-demo/tools/vexlor-schedule/vexlor-schedule"
+videos="$root/build-demo/videos"
 workdir="$(mktemp -d)"
-trap 'rm -rf "$workdir"' EXIT
+pids=()
+cleanup() {
+  for pid in "${pids[@]}"; do
+    kill "$pid" 2>/dev/null || true
+  done
+  wait 2>/dev/null || true
+  rm -rf "$workdir"
+}
+trap cleanup EXIT
 export VEXLOR_SCHEDULE_SETTINGS="$workdir/settings.ini"
+
+if [ -z "${DISPLAY:-}" ]; then
+  # Xvfb writes the display it took once it accepts clients.
+  Xvfb -displayfd 3 -nolisten tcp -noreset -screen 0 640x480x24 3> "$workdir/display" \
+    2> /dev/null &
+  pids+=($!)
+  for _ in $(seq 100); do
+    grep -q . "$workdir/display" 2> /dev/null && break
+    sleep 0.1
+  done
+  export DISPLAY=":$(cat "$workdir/display")"
+  SDL_AUDIODRIVER=dummy ffplay -loglevel quiet -an -noborder -left 0 -top 0 -x 640 -y 480 \
+    -f lavfi -i "testsrc=size=640x480:rate=30" > /dev/null 2>&1 &
+  pids+=($!)
+  echo "(recording display $DISPLAY: Xvfb showing ffmpeg's moving test picture)"
+fi
 
 # Echoes each command as it could be typed, then runs it.
 step() {
@@ -29,11 +56,20 @@ step() {
   "$program" "$@"
 }
 
-step add Demo --in 5s --for 3s --tag 1
+step add "Demo recording" --in 5s --for 3s --tag 1
 step enable
 step status
-# The command would run for 10 s; the recording's 3 s end it first.
-step run --until-empty --exec 'echo "capturing $VEXLOR_TITLE from $VEXLOR_START for $VEXLOR_DURATION_MS ms"; exec sleep 10'
+mkdir -p "$videos"
+before="$(ls "$videos")"
+step run --until-empty --notify console --capture screen --output "$videos"
+
+file="$(comm -13 <(printf '%s\n' "$before") <(ls "$videos") | head -1)"
+printf '\nthe recording: %s\n' "$videos/$file"
+ffprobe -v error -show_entries format=duration,size -of default=noprint_wrappers=1 \
+  "$videos/$file" | awk -F= '
+    $1 == "duration" { printf "  duration: %.2f s\n", $2 }
+    $1 == "size" { printf "  size: %d bytes\n", $2 }'
+
 listed="$(step list)"
 printf '%s\n' "$listed"
 if [ "$(printf '%s\n' "$listed" | wc -l)" -le 2 ]; then

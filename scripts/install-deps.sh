@@ -5,15 +5,15 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git
   qtbase5-dev qttools5-dev qttools5-dev-tools
-  libgoogle-glog-dev libunwind-dev
+  libgoogle-glog-dev libunwind-dev libcli11-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
   dbus
+  ffmpeg xvfb x11-xserver-utils
   # The user service: sd_notify, and systemd-analyze with systemd's pkg-config file.
   libsystemd-dev systemd
-  # Real desktop services in the tests: logind mocked, a notification server on Xvfb, and
-  # ffmpeg for the screenshot kept from it.
-  python3-dbusmock dunst xvfb ffmpeg
+  # Real desktop services in the tests: logind mocked, and a notification server on Xvfb.
+  python3-dbusmock dunst
 )
 
 missing=()

@@ -2,7 +2,9 @@
 
 #include <signal.h>
 
+#include <map>
 #include <memory>
+#include <optional>
 
 #include <gtest/gtest.h>
 #include <QElapsedTimer>
@@ -37,6 +39,13 @@ protected:
                                         : busAddress;
             for (const char* bus : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) {
                 environment.insert(bus, address);
+            }
+        }
+        for (const auto& [name, value] : environmentChanges) {
+            if (value) {
+                environment.insert(name, *value);
+            } else {
+                environment.remove(name);
             }
         }
         return environment;
@@ -110,6 +119,8 @@ protected:
     }
 
     QTemporaryDir folder;
+    // Set or (nullopt) removed in the environment of the programs started from now on.
+    std::map<QString, std::optional<QString>> environmentChanges;
     bool settingsFromEnvironment = false;
     QString busAddress;
     bool inheritBuses = false;

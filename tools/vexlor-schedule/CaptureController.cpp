@@ -12,8 +12,13 @@
 namespace Vexlor::ScheduleTool {
 
 CaptureController::CaptureController(EventPrinter& printer, std::optional<QString> command,
-                                     std::function<void()> onIdle)
-    : printer(printer), command(std::move(command)), onIdle(std::move(onIdle)) {
+                                     std::function<void()> onIdle,
+                                     std::optional<ScreenSetup> screen, Time::Microseconds lead)
+    : printer(printer),
+      command(std::move(command)),
+      onIdle(std::move(onIdle)),
+      screen(std::move(screen)),
+      lead(lead) {
     durationTimer.setSingleShot(true);
     // A coarse timer may end a capture 5 % of its length early or late.
     durationTimer.setTimerType(Qt::PreciseTimer);
@@ -63,33 +68,44 @@ void CaptureController::Deliver(const ExternalStimulus::Stimulus& stimulus) {
         Finish(QString());
         return;
     }
-    Begin(*startedRecord);
+    Begin(*startedRecord, Time::SystemClock().Now());
 }
 
 void CaptureController::OnScheduledCaptureStarted(const QK::RecordTime& record) {
     startedRecord = record;
 }
 
-void CaptureController::Begin(const QK::RecordTime& record) {
+void CaptureController::Begin(const QK::RecordTime& record, Time::TimePoint now) {
     currentTitle = record.title;
-    printer.RecordingStarted(record);
-    const long long durationMs = record.duration.count() / 1000;
+    std::optional<Time::TimePoint> plannedEnd;
     if (record.duration.count() != 0) {
-        // The planned end, also for a capture begun ahead of its start (--lead).
-        const Time::Microseconds untilEnd = Core::SaturatingDiff(
-            Core::SaturatingAdd(record.startTime, record.duration), Time::SystemClock().Now());
-        captureEnd.setRemainingTime(untilEnd.count() / 1000, Qt::PreciseTimer);
+        // Begun late, the record carries what is left of its duration, counted from now;
+        // begun ahead of its start (a lead time), its full duration from the start.
+        plannedEnd = Core::SaturatingAdd(std::max(record.startTime, now), record.duration);
+        // ffmpeg ends by itself at the end of its window; stopped at once, it could miss the
+        // last frame.
+        const Time::TimePoint stopAt =
+            screen ? Core::SaturatingAdd(*plannedEnd, SCREEN_END_GRACE) : *plannedEnd;
+        captureEnd.setRemainingTime(Core::SaturatingDiff(stopAt, now).count() / 1000,
+                                    Qt::PreciseTimer);
         if (!ArmDurationLeg()) {
             // A start so late that nothing of the planned duration is left.
+            printer.RecordingStarted(record);
             Finish(QStringLiteral("its planned end had passed, nothing run"));
             return;
         }
     }
+    if (screen) {
+        BeginScreen(record, plannedEnd);
+        return;
+    }
+    printer.RecordingStarted(record);
     if (!command) {
         return;  // simulated: only the duration ends it
     }
 
     process = std::make_unique<CaptureProcess>([this](const QString& how) { Finish(how); });
+    const long long durationMs = record.duration.count() / 1000;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("VEXLOR_TITLE"), record.title);
     environment.insert(QStringLiteral("VEXLOR_START"), FormatIsoTime(record.startTime));
@@ -98,6 +114,23 @@ void CaptureController::Begin(const QK::RecordTime& record) {
     environment.insert(QStringLiteral("VEXLOR_MODE"),
                        QString::number(static_cast<int>(record.mode)));
     process->Start(*command, environment);
+}
+
+void CaptureController::BeginScreen(const QK::RecordTime& record,
+                                    std::optional<Time::TimePoint> plannedEnd) {
+    QString error;
+    recording =
+        ScreenRecording::Create(*screen, record.title, record.startTime,
+                                Core::SaturatingSub(record.startTime, lead), plannedEnd, error);
+    if (!recording) {
+        printer.RecordingStarted(record);
+        Finish(QStringLiteral("nothing recorded: %1").arg(error));
+        return;
+    }
+    printer.RecordingStarted(record, recording->Path());
+    process = std::make_unique<CaptureProcess>(
+        [this](const QString&) { Finish(recording->Outcome(*process)); });
+    process->Start(recording->MakeLaunch());
 }
 
 // A QTimer holds at most INT_MAX ms (about 24 days); longer captures take several legs.

@@ -10,6 +10,7 @@
 
 #include "CaptureProcess.h"
 #include "EventPrinter.h"
+#include "ScreenCapture.h"
 #include "interfaces/Gateway.h"
 #include "interfaces/IScheduler.h"
 
@@ -21,14 +22,18 @@ namespace Vexlor::ScheduleTool {
 // starts (no second request can follow), and from the event loop runs the request's
 // callback (which tells the scheduler's observers, this one among them, which recording
 // starts and for how long) and the capture: COMMAND under /bin/sh with the recording in its
-// environment, or a simulated capture. The capture ends when the command exits or at the
-// planned end; then the scheduler hears AfterCaptureStopped.
+// environment, ffmpeg recording the screen into a file of its own, or a simulated capture.
+// The capture ends when the program exits or at the planned end; then the scheduler hears
+// AfterCaptureStopped.
 class CaptureController : public QK::ISchedulerObserver, public ExternalStimulus::IGateway {
 public:
     static constexpr int KILL_DELAY_MS = CaptureProcess::KILL_DELAY_MS;
 
+    // With `screen`, `lead` is the part of the scheduler's lead time that widens the
+    // recorded window; the rest is ffmpeg's start-up.
     CaptureController(EventPrinter& printer, std::optional<QString> command,
-                      std::function<void()> onIdle);
+                      std::function<void()> onIdle, std::optional<ScreenSetup> screen = {},
+                      Time::Microseconds lead = Time::Microseconds(0));
     ~CaptureController() override;
 
     CaptureController(const CaptureController&) = delete;
@@ -57,7 +62,8 @@ public:
 
 private:
     void Deliver(const ExternalStimulus::Stimulus& stimulus);
-    void Begin(const QK::RecordTime& record);
+    void Begin(const QK::RecordTime& record, Time::TimePoint now);
+    void BeginScreen(const QK::RecordTime& record, std::optional<Time::TimePoint> plannedEnd);
     bool ArmDurationLeg();
     void EndByDuration();
     void Finish(const QString& how);
@@ -66,6 +72,8 @@ private:
     EventPrinter& printer;
     std::optional<QString> command;
     std::function<void()> onIdle;
+    std::optional<ScreenSetup> screen;
+    Time::Microseconds lead;
 
     QObject context;  // deliveries still queued die with the controller
     bool requested = false;
@@ -74,6 +82,7 @@ private:
     QString currentTitle;
     QTimer durationTimer;
     QDeadlineTimer captureEnd;
+    std::unique_ptr<ScreenRecording> recording;
     std::unique_ptr<CaptureProcess> process;
     std::function<void()> afterStop;
 };

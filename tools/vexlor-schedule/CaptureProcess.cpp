@@ -118,29 +118,48 @@ void CaptureProcess::Process::setupChildProcess() {
         PrintError(owner.guardianFailure.constData());
         ::_exit(127);
     }
+    if (!owner.quitInput.isEmpty()) {
+        // ffmpeg aborts the writing of its file at a second SIGTERM: from here on the
+        // guardian's, when the runner dies, is the only one.
+        ::prctl(PR_SET_PDEATHSIG, 0);
+    }
 }
 
 CaptureProcess::CaptureProcess(std::function<void(const QString&)> onFinished)
     : onFinished(std::move(onFinished)),
       guardianFailure(
           ErrorLine(QStringLiteral("cannot start the process that guards the capture"))) {
+    quitTimer.setSingleShot(true);
+    quitTimer.setInterval(QUIT_GRACE_MS);
+    QObject::connect(&quitTimer, &QTimer::timeout, [this] {
+        Signal(SIGTERM);
+        killTimer.start();
+    });
     killTimer.setSingleShot(true);
     killTimer.setInterval(KILL_DELAY_MS);
     QObject::connect(&killTimer, &QTimer::timeout, [this] { Kill(); });
-    QObject::connect(
-        &process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished),
-        [this](int exitCode, QProcess::ExitStatus status) {
-            if (status == QProcess::NormalExit) {
-                Finished(QStringLiteral("exit status %1").arg(exitCode));
-            } else {
-                Finished(stopReason.isEmpty() ? QStringLiteral("ended by a signal") : stopReason);
-            }
-        });
+    QObject::connect(&process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished),
+                     [this](int exitCode, QProcess::ExitStatus status) {
+                         ReadErrors();
+                         if (stopped) {
+                             // Ended as asked, whatever status a program that handles SIGTERM
+                             // gives.
+                             Finished(*stopped == StopReason::DurationOver
+                                          ? QStringLiteral("duration over, command stopped")
+                                          : QStringLiteral("stopped on request"));
+                         } else if (status == QProcess::NormalExit) {
+                             Finished(QStringLiteral("exit status %1").arg(exitCode));
+                         } else {
+                             Finished(QStringLiteral("ended by a signal"));
+                         }
+                     });
     QObject::connect(&process, &QProcess::errorOccurred, [this](QProcess::ProcessError error) {
         if (error == QProcess::FailedToStart) {
+            failedToStart = true;
             Finished(QStringLiteral("the command failed to start: %1").arg(process.errorString()));
         }
     });
+    QObject::connect(&process, &QProcess::readyReadStandardError, [this] { ReadErrors(); });
 }
 
 CaptureProcess::~CaptureProcess() {
@@ -156,9 +175,15 @@ CaptureProcess::~CaptureProcess() {
 }
 
 void CaptureProcess::Start(const QString& command, const QProcessEnvironment& environment) {
+    // The title and the other values reach the command only through its environment.
+    Start(Launch{QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command}, environment, {}});
+}
+
+void CaptureProcess::Start(const Launch& launch) {
     int fds[2] = {-1, -1};
     // Close-on-exec: no other program this runner starts may hold the write end.
     if (::pipe2(fds, O_CLOEXEC) != 0) {
+        failedToStart = true;
         Finished(QStringLiteral("the command failed to start: no pipe for its guardian: %1")
                      .arg(QString::fromLocal8Bit(::strerror(errno))));
         return;
@@ -166,12 +191,16 @@ void CaptureProcess::Start(const QString& command, const QProcessEnvironment& en
     guardianRead = fds[0];
     guardianWrite = fds[1];
     runner = ::getpid();
-    process.setProcessEnvironment(environment);
-    process.setProcessChannelMode(QProcess::ForwardedChannels);
-    // Its own process group has no terminal to read from.
-    process.setStandardInputFile(QProcess::nullDevice());
-    // The title and the other values reach the command only through its environment.
-    process.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command});
+    quitInput = launch.quitInput;
+    process.setProcessEnvironment(launch.environment);
+    if (quitInput.isEmpty()) {
+        process.setProcessChannelMode(QProcess::ForwardedChannels);
+        // Its own process group has no terminal to read from.
+        process.setStandardInputFile(QProcess::nullDevice());
+    } else {
+        process.setStandardOutputFile(QProcess::nullDevice());
+    }
+    process.start(launch.program, launch.arguments);
     if (guardianRead >= 0) {
         ::close(guardianRead);  // the child has its copy
         guardianRead = -1;
@@ -184,9 +213,12 @@ void CaptureProcess::Start(const QString& command, const QProcessEnvironment& en
 }
 
 void CaptureProcess::Terminate(StopReason reason) {
-    stopReason = reason == StopReason::DurationOver
-                     ? QStringLiteral("duration over, command stopped")
-                     : QStringLiteral("stopped on request");
+    stopped = reason;
+    if (!quitInput.isEmpty() && IsRunning()) {
+        process.write(quitInput);
+        quitTimer.start();
+        return;
+    }
     Signal(SIGTERM);
     killTimer.start();
 }
@@ -211,7 +243,31 @@ void CaptureProcess::EndGroup() {
     }
 }
 
+void CaptureProcess::ReadErrors() {
+    if (quitInput.isEmpty()) {
+        return;
+    }
+    errorTail += process.readAllStandardError();
+    // Only the last line is kept: a program that writes without end costs no memory.
+    for (int newline = errorTail.indexOf('\n'); newline >= 0; newline = errorTail.indexOf('\n')) {
+        const QString line = QString::fromLocal8Bit(errorTail.left(newline)).trimmed();
+        if (!line.isEmpty()) {
+            lastErrorLine = line;
+        }
+        errorTail.remove(0, newline + 1);
+    }
+    constexpr int LONGEST_LINE = 4096;
+    if (errorTail.size() > LONGEST_LINE) {
+        errorTail = errorTail.right(LONGEST_LINE);
+    }
+    if (process.state() == QProcess::NotRunning && !errorTail.trimmed().isEmpty()) {
+        lastErrorLine = QString::fromLocal8Bit(errorTail).trimmed();
+        errorTail.clear();
+    }
+}
+
 void CaptureProcess::Finished(const QString& how) {
+    quitTimer.stop();
     killTimer.stop();
     // The command has ended; the guardian ends what it left in the group.
     EndGroup();

@@ -68,11 +68,12 @@ void EventPrinter::RecordingRequested() {
     Line(QStringLiteral("recording requested"));
 }
 
-void EventPrinter::RecordingStarted(const QK::RecordTime& record) {
+void EventPrinter::RecordingStarted(const QK::RecordTime& record, const QString& file) {
     const QString length = record.duration.count() == 0
                                ? QStringLiteral("no planned end")
                                : QStringLiteral("duration %1").arg(FormatDuration(record.duration));
-    Line(QStringLiteral("recording started: %1, %2").arg(QuoteTitle(record.title), length));
+    Line(QStringLiteral("recording started: %1, %2").arg(QuoteTitle(record.title), length) +
+         (file.isEmpty() ? QString() : QStringLiteral(", into %1").arg(file)));
 }
 
 void EventPrinter::RecordingFinished(const QString& title, const QString& how) {

@@ -31,7 +31,8 @@ public:
     // The machine woke up; `missed` began while it slept and will not be recorded.
     void WokeUp(const QK::RecordTimeList& missed);
     void RecordingRequested();
-    void RecordingStarted(const QK::RecordTime& record);
+    // `file`, if any, is where the capture goes.
+    void RecordingStarted(const QK::RecordTime& record, const QString& file = {});
     void RecordingFinished(const QString& title, const QString& how);
     void RecordsDropped(const QK::RecordTimeList& records);
     void ScheduleReloaded(bool enabled, std::size_t records);

@@ -26,6 +26,7 @@
 #include "Scheduler/NotificationHelper.h"
 #include "Scheduler/Scheduler.h"
 #include "Scheduler/SchedulerSettings.h"
+#include "ScreenCapture.h"
 #include "ServiceManager.h"
 #include "SettingsWatcher.h"
 #include "SignalRelay.h"
@@ -57,7 +58,8 @@ constexpr qint64 DEFER_LIMIT_MS = 2000;
 
 class RunSession {
 public:
-    RunSession(const ScheduleLocation& location, const RunOptions& options);
+    RunSession(const ScheduleLocation& location, const RunOptions& options,
+               std::optional<ScreenSetup> screen);
     ~RunSession();
 
     RunSession(const RunSession&) = delete;
@@ -78,6 +80,9 @@ private:
 
     QString path;
     RunOptions options;
+    // What the scheduler begins a capture ahead of its start: --lead, and a screen
+    // capture's start-up.
+    Time::Microseconds lead;
     Time::SystemClock clock;
     QObject context;  // queued checks die with the session
     EventPrinter printer{stdout};
@@ -106,8 +111,11 @@ private:
     bool shuttingDown = false;
 };
 
-RunSession::RunSession(const ScheduleLocation& location, const RunOptions& options)
-    : path(location.settingsPath), options(options) {
+RunSession::RunSession(const ScheduleLocation& location, const RunOptions& options,
+                       std::optional<ScreenSetup> screen)
+    : path(location.settingsPath),
+      options(options),
+      lead(screen ? options.lead + SCREEN_START_UP : options.lead) {
     // First: SIGPIPE is to be ignored before anything is printed, and a reader that closes the
     // output stops the run like a signal. Queued, since the failing write may come from
     // inside the controller.
@@ -142,11 +150,10 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
         MakePresenterCreator(options.notice.value_or(DefaultNoticeChoice()),
                              [this](const QString& line) { printer.Notice(line); }));
 
-    controller =
-        std::make_shared<CaptureController>(printer, options.exec, [this] { CheckIdle(); });
-    const bool leadEnabled = options.lead.count() > 0;
+    controller = std::make_shared<CaptureController>(
+        printer, options.exec, [this] { CheckIdle(); }, std::move(screen), options.lead);
     scheduler = std::make_shared<QK::Scheduler>(
-        settings, std::make_shared<QK::FixedUiSettings>(leadEnabled, options.lead), controller,
+        settings, std::make_shared<QK::FixedUiSettings>(lead.count() > 0, lead), controller,
         MakePowerManager(options.keepAwake,
                          [this](bool sleepPrevented) { printer.SleepChanged(sleepPrevented); }),
         std::make_shared<Time::SystemClock>(), std::make_shared<Time::QtDurationTimer>());
@@ -237,7 +244,7 @@ QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
                     ? QStringLiteral("it would begin while %1 is being recorded")
                           .arg(QuoteTitle(editContext.recording->title))
                     : QStringLiteral("it ends before a capture begun %1 ahead could start")
-                          .arg(FormatDuration(options.lead));
+                          .arg(FormatDuration(lead));
             outcome = {EXIT_REFUSED,
                        {},
                        QStringLiteral("the running scheduler could not take %1: %2\n")
@@ -432,6 +439,15 @@ int Refuse(const std::string& message) {
 }  // namespace
 
 int RunScheduler(const ScheduleLocation& location, const RunOptions& options) {
+    // Refused now rather than at the first recording's start.
+    std::optional<ScreenSetup> screen;
+    if (options.capture == CaptureKind::Screen) {
+        QString error;
+        screen = PrepareScreenCapture(options, error);
+        if (!screen) {
+            return Refuse(error.toStdString());
+        }
+    }
     const QString folder = QFileInfo(location.settingsPath).absolutePath();
     if (!QDir().mkpath(folder)) {
         return Refuse("cannot create the settings folder " + folder.toStdString());
@@ -452,7 +468,7 @@ int RunScheduler(const ScheduleLocation& location, const RunOptions& options) {
         {
             // Edits that began before this run finish first; later ones come over the socket.
             FileLock editLock = FileLock::Take(location.editLockPath, EDIT_LOCK_PATIENCE);
-            session = std::make_unique<RunSession>(location, options);
+            session = std::make_unique<RunSession>(location, options, std::move(screen));
         }
         return QCoreApplication::exec();
     } catch (const std::exception& error) {

@@ -1,0 +1,194 @@
+#include <signal.h>
+
+#include <gtest/gtest.h>
+#include <QDateTime>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QThread>
+
+#include "RunnerHarness.h"
+
+// `run --capture screen` on an X server of the test's own, painted red so that a captured
+// frame tells the screen from a blank one.
+namespace {
+
+using Vexlor::Testing::Outcome;
+using Vexlor::Testing::RunnerTest;
+
+const QStringList SCREEN = {"--notify", "none",     "--no-keep-awake", "--capture",
+                            "screen",   "--output", "videos"};
+
+class ScreenTest : public RunnerTest {
+protected:
+    void SetUp() override {
+        RunnerTest::SetUp();
+        // Xvfb picks a free display and writes its number; it ends when the test's end
+        // closes the shell's standard input, even if the test crashes.
+        server.start("/bin/bash",
+                     {"-c",
+                      "Xvfb -displayfd 3 -nolisten tcp -noreset -br -screen 0 320x240x24 "
+                      "3>\"$0\" 2>/dev/null & read -r _; kill $!; wait",
+                      FilePath("display")});
+        QElapsedTimer clock;
+        clock.start();
+        while (!ReadFile("display").endsWith('\n') && clock.elapsed() < 10000) {
+            QThread::msleep(20);
+        }
+        const QString display = ":" + QString::fromUtf8(ReadFile("display")).trimmed();
+        ASSERT_GT(display.size(), 1) << "Xvfb did not start";
+        ASSERT_EQ(QProcess::execute("xsetroot", {"-display", display, "-solid", "red"}), 0);
+        environmentChanges["DISPLAY"] = display;
+        environmentChanges["PULSE_SERVER"] = "unix:" + FilePath("no-sound");
+    }
+
+    void TearDown() override {
+        server.closeWriteChannel();
+        server.waitForFinished(5000);
+    }
+
+    QStringList Videos() const {
+        return QDir(FilePath("videos")).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    }
+
+    // `ffprobe` on a file of videos/: "key=value" lines.
+    QString Probe(const QString& name, const QString& entries) const {
+        QProcess probe;
+        probe.start("ffprobe", {"-v", "error", "-show_entries", entries, "-of",
+                                "default=noprint_wrappers=1", FilePath("videos/" + name)});
+        probe.waitForFinished(10000);
+        return probe.exitCode() == 0 ? QString::fromUtf8(probe.readAllStandardOutput()) : "";
+    }
+
+    double Number(const QString& probed, const QString& key) const {
+        for (const QString& line : probed.split('\n')) {
+            if (line.startsWith(key + "=")) {
+                return line.mid(key.size() + 1).toDouble();
+            }
+        }
+        return -1;
+    }
+
+    QProcess server;
+};
+
+TEST_F(ScreenTest, RecordsThePlannedWindowIntoANewFileWithASafeName) {
+    const QString title = "Review/1 \"a\" 'b' $(touch pwned)";
+    // A whole second, so that the file's name is known ahead.
+    const QDateTime start = QDateTime::fromSecsSinceEpoch(QDateTime::currentSecsSinceEpoch() + 5);
+    const QString name =
+        "Review_1 \"a\" 'b' $(touch pwned) " + start.toString("yyyy-MM-dd HH-mm-ss");
+    Add({title, "--at", start.toString("yyyy-MM-dd HH:mm:ss"), "--for", "3s", "--enable"});
+    ASSERT_TRUE(QDir().mkpath(FilePath("videos")));
+    QFile taken(FilePath("videos/" + name + ".mkv"));
+    ASSERT_TRUE(taken.open(QIODevice::WriteOnly));
+    taken.write("kept");
+    taken.close();
+
+    const Outcome run = Run(QStringList{"run", "--until-empty", "--audio"} + SCREEN);
+    EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.out.contains(", as planned, saved to")) << run.out.toStdString();
+    EXPECT_EQ(run.err.count("warning: no PulseAudio or PipeWire source"), 1)
+        << run.err.toStdString();
+    EXPECT_EQ(Videos().join(" | ").toStdString(),
+              (name + " (2).mkv | " + name + ".mkv").toStdString());
+    EXPECT_EQ(ReadFile("videos/" + name + ".mkv"), "kept");
+    EXPECT_FALSE(QFile::exists(FilePath("pwned")));
+
+    const QString probed = Probe(name + " (2).mkv", "format=duration,start_time:stream=codec_type");
+    // Time 0 is the planned start; the file ends at its last frame's end.
+    const double first = Number(probed, "start_time");
+    EXPECT_GE(first, 0.0) << probed.toStdString();
+    EXPECT_NEAR(Number(probed, "duration") - first, 3.0, 0.3)
+        << probed.toStdString() << run.out.toStdString();
+    EXPECT_EQ(probed.count("codec_type="), 1) << "video only: " << probed.toStdString();
+
+    QProcess frame;
+    frame.start("ffmpeg",
+                {"-v", "error", "-i", FilePath("videos/" + name + " (2).mkv"), "-frames:v", "1",
+                 "-vf", "scale=1:1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+    ASSERT_TRUE(frame.waitForFinished(10000));
+    const QByteArray rgb = frame.readAllStandardOutput();
+    ASSERT_EQ(rgb.size(), 3);
+    EXPECT_GT(static_cast<unsigned char>(rgb[0]), 200) << "not the red screen";
+    EXPECT_LT(static_cast<unsigned char>(rgb[1]), 50);
+}
+
+class StopTest : public ScreenTest, public testing::WithParamInterface<int> {};
+
+TEST_P(StopTest, AnOpenEndedCaptureEndsWithAFinishedFile) {
+    Add({"Open", "--in", "1s", "--enable"});
+    auto run = Start(QStringList{"run"} + SCREEN);
+    QString seen;
+    ASSERT_TRUE(WaitForOutput(*run, seen, "recording started: \"Open\", no planned end", 10000))
+        << seen.toStdString();
+    QThread::msleep(3000);
+    ::kill(static_cast<pid_t>(run->processId()), GetParam());
+    ASSERT_TRUE(run->waitForFinished(10000));
+    if (GetParam() == SIGTERM) {
+        EXPECT_EQ(run->exitCode(), 0);
+        seen += QString::fromUtf8(run->readAllStandardOutput());
+        EXPECT_TRUE(seen.contains("stopped on request, saved to")) << seen.toStdString();
+    }
+    ASSERT_EQ(Videos().size(), 1);
+    // The duration is written with the file's last part: an unfinished file has none. After
+    // kill -9 of run, ffmpeg finishes it on the guardian's SIGTERM.
+    QElapsedTimer clock;
+    clock.start();
+    double duration = -1;
+    while (duration <= 1.0 && clock.elapsed() < 10000) {
+        QThread::msleep(200);
+        duration = Number(Probe(Videos().first(), "format=duration"), "duration");
+    }
+    EXPECT_GT(duration, 1.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, StopTest, testing::Values(SIGTERM, SIGKILL),
+                         [](const testing::TestParamInfo<int>& info) {
+                             return std::string(info.param == SIGTERM ? "Sigterm" : "Sigkill");
+                         });
+
+struct Refusal {
+    const char* name;
+    QStringList arguments;
+    std::map<QString, std::optional<QString>> environment;
+    int exitCode;
+    const char* message;
+};
+
+void PrintTo(const Refusal& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class RefusalTest : public ScreenTest, public testing::WithParamInterface<Refusal> {};
+
+TEST_P(RefusalTest, RunDoesNotStartAndKeepsTheSchedule) {
+    const Refusal& row = GetParam();
+    Add({"Kept", "--in", "1h", "--enable"});
+    for (const auto& [name, value] : row.environment) {
+        environmentChanges[name] = value;
+    }
+    const Outcome run = Run(QStringList{"run", "--until-empty"} + row.arguments);
+    EXPECT_EQ(run.exitCode, row.exitCode);
+    EXPECT_TRUE(run.err.contains(row.message)) << run.err.toStdString();
+    EXPECT_FALSE(run.out.contains("scheduler running"));
+    EXPECT_TRUE(Run({"list"}).out.contains("Kept"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, RefusalTest,
+    testing::Values(
+        Refusal{"NoFfmpeg", SCREEN, {{"PATH", "/nonexistent"}}, 1, "ffmpeg is not installed"},
+        Refusal{"NoDisplay", SCREEN, {{"DISPLAY", std::nullopt}}, 1, "DISPLAY is not set"},
+        Refusal{"DisplayNotAnswering",
+                SCREEN,
+                {{"DISPLAY", ":65000"}},
+                1,
+                "ffmpeg cannot grab display :65000"},
+        Refusal{"OutputIsAFile",
+                {"--capture", "screen", "--output", "settings.ini"},
+                {},
+                1,
+                "cannot create the output folder"}),
+    [](const testing::TestParamInfo<Refusal>& info) { return std::string(info.param.name); });
+
+}  // namespace
