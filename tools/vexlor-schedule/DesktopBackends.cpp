@@ -9,6 +9,7 @@
 #include "platform/BusProbe.h"
 #include "platform/DBusNotificationPresenter.h"
 #include "platform/LogindPowerManager.h"
+#include "platform/LogindSleepSignal.h"
 #endif
 
 namespace Vexlor::ScheduleTool {
@@ -93,6 +94,14 @@ std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake,
     return std::make_shared<App::StatePowerManager>();
 }
 
+std::shared_ptr<void> WatchSleep([[maybe_unused]] std::function<void(bool)> onSleep) {
+#ifdef VEXLOR_SCHEDULE_WITH_DBUS
+    return App::LogindSleepSignal::Create(std::move(onSleep));
+#else
+    return nullptr;
+#endif
+}
+
 DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
     NoticeChoice choice, std::function<void(const QString&)> report) {
 #ifdef VEXLOR_SCHEDULE_WITH_DBUS
@@ -102,6 +111,9 @@ DesktopNotification::Presenter::Factory::Creator MakePresenterCreator(
         Platform::Bus::Probe::Start(Platform::Bus::Kind::Session,
                                     DesktopNotification::DBusNotificationPresenter::DefaultTimeout);
     }
+    // The sleep signal comes over the system bus also with --no-keep-awake.
+    Platform::Bus::Probe::Start(Platform::Bus::Kind::System,
+                                App::LogindSleepSignal::DefaultTimeout);
 #endif
     if (choice == NoticeChoice::None) {
         return [](int, int, const QString&) -> std::shared_ptr<IPresenter> {

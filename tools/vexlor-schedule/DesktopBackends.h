@@ -30,6 +30,10 @@ using SleepCallback = std::function<void(bool sleepPrevented)>;
 // Waits at most 2 s for the system bus and logind.
 std::shared_ptr<App::IPowerManager> MakePowerManager(bool keepAwake, SleepCallback onChange);
 
+// Calls `onSleep` with true when logind is about to put the machine to sleep and with false
+// once it woke up, until the returned holder is dropped; null without a system bus (or D-Bus).
+std::shared_ptr<void> WatchSleep(std::function<void(bool goingToSleep)> onSleep);
+
 // `report` receives one line for each notice shown or withdrawn. With Desktop this starts
 // checking the session bus in the background at once; called before MakePowerManager, the two
 // buses are checked side by side. The creator waits for what is left of that check.

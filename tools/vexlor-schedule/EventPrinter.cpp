@@ -40,6 +40,30 @@ void EventPrinter::SleepChanged(bool sleepPrevented) {
                         : QStringLiteral("sleep allowed: logind lock released"));
 }
 
+void EventPrinter::GoingToSleep(const std::optional<QK::RecordTime>& recording,
+                                const QK::RecordTimeList& planned) {
+    QStringList what;
+    if (recording) {
+        what << QStringLiteral("%1 is being recorded").arg(QuoteTitle(recording->title));
+    }
+    if (!planned.empty()) {
+        what << QStringLiteral("%1 recording(s) planned, the next %2")
+                    .arg(planned.size())
+                    .arg(DescribeRecord(planned.front()));
+    }
+    Line(QStringLiteral("machine going to sleep: %1").arg(what.join(QStringLiteral("; "))));
+}
+
+void EventPrinter::WokeUp(const QK::RecordTimeList& missed) {
+    if (missed.empty()) {
+        Line(QStringLiteral("machine woke up: no recording was missed"));
+    }
+    for (const QK::RecordTime& record : missed) {
+        Line(
+            QStringLiteral("machine woke up: missed while asleep: %1").arg(DescribeRecord(record)));
+    }
+}
+
 void EventPrinter::RecordingRequested() {
     Line(QStringLiteral("recording requested"));
 }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <optional>
 
 #include <QString>
 
@@ -24,6 +25,11 @@ public:
     void SchedulerStarted(bool enabled, std::size_t recordsAhead);
     // A logind sleep lock was taken or released.
     void SleepChanged(bool sleepPrevented);
+    // logind puts the machine to sleep while `recording` runs or `planned` waits.
+    void GoingToSleep(const std::optional<QK::RecordTime>& recording,
+                      const QK::RecordTimeList& planned);
+    // The machine woke up; `missed` began while it slept and will not be recorded.
+    void WokeUp(const QK::RecordTimeList& missed);
     void RecordingRequested();
     // `file`, if any, is where the capture goes.
     void RecordingStarted(const QK::RecordTime& record, const QString& file = {});

@@ -27,8 +27,10 @@
 #include "Scheduler/Scheduler.h"
 #include "Scheduler/SchedulerSettings.h"
 #include "ScreenCapture.h"
+#include "ServiceManager.h"
 #include "SettingsWatcher.h"
 #include "SignalRelay.h"
+#include "core/Saturating.h"
 #include "interfaces/Clock.h"
 #include "platform/FixedServices.h"
 #include "platform/FixedUiSettings.h"
@@ -71,6 +73,8 @@ private:
     void WhenSafe(std::function<void()> work);
     void RunDeferred();
     void OnStorage(const std::optional<std::string>& failure);
+    void OnPrepareForSleep(bool goingToSleep);
+    void TellStatus(bool enabled, std::size_t records);
     void Shutdown();
     void CheckIdle();
 
@@ -93,7 +97,13 @@ private:
     std::unique_ptr<SettingsWatcher> watcher;
     std::unique_ptr<SignalRelay> signalRelay;
     std::unique_ptr<ControlServer> control;
-    QString readFailure;  // the last one reported
+    std::shared_ptr<void> sleepSignal;
+    struct Asleep {
+        QK::RecordTimeList planned;
+        std::optional<QK::RecordTime> recording;
+    };
+    std::optional<Asleep> asleep;  // set while asleep with something to record
+    QString readFailure;           // the last one reported
     std::deque<std::function<void()>> deferred;
     QTimer deferTimer;
     QElapsedTimer deferredSince;
@@ -155,6 +165,7 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
         settings, std::make_shared<App::FixedCustomizationManager>("vexlor-schedule"),
         std::make_shared<App::FixedLookAndFeelManager>(QLocale::system().name().toStdString()));
 
+    sleepSignal = WatchSleep([this](bool goingToSleep) { OnPrepareForSleep(goingToSleep); });
     watcher =
         std::make_unique<SettingsWatcher>(path, [this] { WhenSafe([this] { OnFileChanged(); }); });
     deferTimer.setInterval(DEFER_CHECK_MS);
@@ -179,10 +190,15 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
         });
 
     printer.SchedulerStarted(scheduler->IsEnabled(), scheduler->GetSchedule().size());
+    // Ready for systemd now: the scheduler polls if scheduling is on, and edits (`enable`
+    // among them) reach this process. With scheduling off, the status says so.
+    TellStatus(scheduler->IsEnabled(), scheduler->GetSchedule().size());
+    NotifyServiceManager(QStringLiteral("READY=1"));
     CheckIdle();
 }
 
 RunSession::~RunSession() {
+    NotifyServiceManager(QStringLiteral("STOPPING=1"));
     // Still the one writer here: what could not be saved yet gets a last try before other
     // processes may write the file themselves.
     if (storage->HasPending() && !storage->Flush()) {
@@ -216,6 +232,7 @@ QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
     }
     printer.ScheduleReloaded(outcome.changed->enabled, outcome.changed->schedule.size());
     ApplyState(*outcome.changed);
+    TellStatus(scheduler->IsEnabled(), scheduler->GetSchedule().size());
     if (request->command == CommandName::Add) {
         const QK::RecordTimeList running = scheduler->GetSchedule();
         const bool kept = std::any_of(running.begin(), running.end(), [&](const QK::RecordTime& r) {
@@ -324,6 +341,7 @@ void RunSession::OnFileChanged() {
         readFailure.clear();
         printer.ScheduleReloaded(stored.enabled, stored.schedule.size());
         ApplyState(stored);
+        TellStatus(scheduler->IsEnabled(), scheduler->GetSchedule().size());
     } catch (const std::exception& error) {
         storage->Restore(before);
         const QString failure = QString::fromLocal8Bit(error.what());
@@ -346,7 +364,48 @@ void RunSession::OnStorage(const std::optional<std::string>& failure) {
     }
 }
 
+// logind may suspend despite the sleep lock (a closed lid, by default): say so, and on waking
+// name what the engine drops for it.
+void RunSession::OnPrepareForSleep(bool goingToSleep) {
+    const std::optional<QK::RecordTime> recording = controller->CurrentRecord();
+    if (goingToSleep) {
+        QK::RecordTimeList planned =
+            scheduler->IsEnabled() ? scheduler->GetSchedule() : QK::RecordTimeList{};
+        asleep.reset();
+        if (recording || !planned.empty()) {
+            printer.GoingToSleep(recording, planned);
+            asleep = Asleep{std::move(planned), recording};
+        }
+        return;
+    }
+    if (!asleep) {
+        return;
+    }
+    const Asleep slept = *std::exchange(asleep, std::nullopt);
+    // The engine drops a record whose whole span (begun the lead early) passed, and any that
+    // fell due while a capture ran on; one that is still under way it starts late.
+    const bool busy = slept.recording && recording && recording->title == slept.recording->title;
+    const Time::TimePoint now = clock.Now();
+    QK::RecordTimeList missed;
+    for (const QK::RecordTime& record : slept.planned) {
+        const Time::TimePoint start = Core::SaturatingSub(record.startTime, options.lead);
+        const bool over =
+            record.duration.count() != 0 && now >= Core::SaturatingAdd(start, record.duration);
+        if (now >= start && (over || busy)) {
+            missed.push_back(record);
+        }
+    }
+    printer.WokeUp(missed);
+}
+
+void RunSession::TellStatus(bool enabled, std::size_t records) {
+    NotifyServiceManager(
+        enabled ? QStringLiteral("STATUS=scheduling on, %1 recording(s) ahead").arg(records)
+                : QStringLiteral("STATUS=scheduling off: `vexlor-schedule enable` switches it on"));
+}
+
 void RunSession::Shutdown() {
+    NotifyServiceManager(QStringLiteral("STOPPING=1"));
     printer.Line(shuttingDown ? QStringLiteral("signal received again: ending the capture now")
                               : QStringLiteral("signal received: stopping"));
     shuttingDown = true;

@@ -1,0 +1,260 @@
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QThread>
+
+#include "RunnerHarness.h"
+
+// The runner as a user service, and against real desktop services (a notification server
+// under Xvfb, logind mocked by dbusmock) on a private bus started by each test.
+namespace {
+
+using Vexlor::Testing::Outcome;
+using Vexlor::Testing::RunnerTest;
+
+class ServiceTest : public RunnerTest {
+protected:
+    void TearDown() override {
+        qunsetenv("NOTIFY_SOCKET");
+        if (bus) {
+            QDBusConnection::disconnectFromBus(bus->name());
+        }
+        for (auto it = helpers.rbegin(); it != helpers.rend(); ++it) {
+            (*it)->terminate();
+            (*it)->waitForFinished(5000);
+        }
+    }
+
+    QProcess& Helper(const QString& program, const QStringList& arguments,
+                     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment()) {
+        helpers.push_back(std::make_unique<QProcess>());
+        QProcess& process = *helpers.back();
+        process.setProcessEnvironment(environment);
+        process.setProcessChannelMode(QProcess::SeparateChannels);
+        process.start(program, arguments);
+        EXPECT_TRUE(process.waitForStarted(5000)) << program.toStdString();
+        return process;
+    }
+
+    static QString FirstLine(QProcess& process) {
+        for (int i = 0; i < 100 && !process.canReadLine(); ++i) {
+            process.waitForReadyRead(100);
+        }
+        return QString::fromUtf8(process.readLine()).trimmed();
+    }
+
+    // A bus of the test's own that activates nothing, as session and system bus of what it
+    // starts from now on.
+    void StartBus() {
+        QFile config(FilePath("bus.conf"));
+        ASSERT_TRUE(config.open(QIODevice::WriteOnly));
+        config.write(
+            "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
+            "<auth>EXTERNAL</auth><policy context=\"default\"><allow own=\"*\"/>"
+            "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/></policy></busconfig>");
+        config.close();
+        address = FirstLine(Helper(
+            "dbus-daemon", {"--config-file=" + config.fileName(), "--nofork", "--print-address"}));
+        ASSERT_FALSE(address.isEmpty());
+        UseBuses(address);
+        bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, "test"));
+        ASSERT_TRUE(bus->isConnected());
+    }
+
+    bool WaitForName(const QString& name) {
+        for (int i = 0; i < 150; ++i) {
+            if (bus->interface()->isServiceRegistered(name)) {
+                return true;
+            }
+            QThread::msleep(100);
+        }
+        return false;
+    }
+
+    bool WaitForOutput(QProcess& process, const QString& needle, int timeoutMs) {
+        return RunnerTest::WaitForOutput(process, seen, needle, timeoutMs);
+    }
+
+    QString address;
+    std::unique_ptr<QDBusConnection> bus;
+    std::vector<std::unique_ptr<QProcess>> helpers;
+    QString seen;
+};
+
+// logind suspends despite the sleep lock when the lid closes. SIGSTOP stands in for the
+// suspend, so that the record falls due while the runner is frozen.
+TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
+    ASSERT_NO_FATAL_FAILURE(StartBus());
+    Helper("/usr/bin/python3", {"-m", "dbusmock", "--template", "logind"}, Environment());
+    ASSERT_TRUE(WaitForName("org.freedesktop.login1"));
+    const auto emitSleep = [this](bool start) {
+        QDBusMessage signal =
+            QDBusMessage::createMethodCall("org.freedesktop.login1", "/org/freedesktop/login1",
+                                           "org.freedesktop.DBus.Mock", "EmitSignal");
+        signal << "org.freedesktop.login1.Manager"
+               << "PrepareForSleep"
+               << "b" << QVariantList{start};
+        ASSERT_EQ(bus->call(signal).type(), QDBusMessage::ReplyMessage);
+    };
+    QElapsedTimer sinceAdd;
+    sinceAdd.start();
+    Add({"Missed", "--in", "5s", "--for", "1s"});
+    Add({"Later", "--in", "4h", "--enable"});
+    auto run = Start({"run", "--notify", "none"});
+    // Listening from this line on.
+    ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000))
+        << seen.toStdString();
+    ASSERT_TRUE(seen.contains("sleep prevented: logind lock taken")) << seen.toStdString();
+
+    emitSleep(true);
+    ASSERT_TRUE(WaitForOutput(
+        *run, "machine going to sleep: 2 recording(s) planned, the next \"Missed\" at", 3000))
+        << seen.toStdString();
+    ::kill(static_cast<pid_t>(run->processId()), SIGSTOP);
+    QThread::msleep(static_cast<unsigned long>(std::max<qint64>(0, 6500 - sinceAdd.elapsed())));
+    emitSleep(false);
+    ::kill(static_cast<pid_t>(run->processId()), SIGCONT);
+    ASSERT_TRUE(WaitForOutput(*run, "machine woke up: missed while asleep: \"Missed\" at", 5000))
+        << seen.toStdString();
+    const Outcome stopped = Stop(*run);
+    seen += stopped.out;
+    EXPECT_FALSE(seen.contains("recording started")) << seen.toStdString();
+    EXPECT_FALSE(seen.contains("\"Later\" at")) << seen.toStdString();  // not missed
+}
+
+// dunst on an X server of the test's own; what it shows is kept in the build tree as
+// VEXLOR_TEST_ARTEFACTS/notice-on-dunst.png.
+TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
+    ASSERT_NO_FATAL_FAILURE(StartBus());
+    const QString display = ":" + FirstLine(Helper("Xvfb", {"-displayfd", "1", "-screen", "0",
+                                                            "800x200x24", "-nolisten", "tcp"}));
+    ASSERT_NE(display, ":");
+    QFile config(FilePath("dunstrc"));
+    ASSERT_TRUE(config.open(QIODevice::WriteOnly));
+    config.write(
+        "[global]\nidle_threshold = 0\nwidth = 780\norigin = top-left\noffset = 10x10\n"
+        "[urgency_normal]\ntimeout = 0\n");
+    config.close();
+    QProcessEnvironment environment = Environment();
+    environment.insert("DISPLAY", display);
+    Helper("dunst", {"-config", config.fileName()}, environment);
+    ASSERT_TRUE(WaitForName("org.freedesktop.Notifications"));
+    const auto dunstctl = [&environment](const QStringList& arguments) {
+        QProcess control;
+        control.setProcessEnvironment(environment);
+        control.start("dunstctl", arguments);
+        control.waitForFinished(10000);
+        return QString::fromUtf8(control.readAllStandardOutput()).trimmed();
+    };
+
+    Add({"Later", "--in", "4h", "--enable"});
+    const QString at = Run({"list"}).out.section(' ', 1, 1).left(5);  // HH:MM
+    auto run = Start({"run", "--notify", "desktop", "--no-keep-awake"});
+    ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 15000)) << seen.toStdString();
+    EXPECT_EQ(dunstctl({"count", "displayed"}), "1");
+    const QString picture = VEXLOR_TEST_ARTEFACTS "/notice-on-dunst.png";
+    QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "x11grab", "-i", display,
+                                 "-frames:v", "1", picture});
+    EXPECT_GT(QFileInfo(picture).size(), 0);
+
+    ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
+    ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000))
+        << seen.toStdString();
+    QString displayed;
+    for (int i = 0; i < 30 && (displayed = dunstctl({"count", "displayed"})) != "0"; ++i) {
+        QThread::msleep(100);
+    }
+    EXPECT_EQ(displayed, "0");
+    // A closed notice goes to the server's history, with what it showed.
+    const QJsonArray history = QJsonDocument::fromJson(dunstctl({"history"}).toUtf8())
+                                   .object()["data"]
+                                   .toArray()
+                                   .at(0)
+                                   .toArray();
+    ASSERT_EQ(history.size(), 1);
+    const QJsonObject notice = history.at(0).toObject();
+    EXPECT_EQ(notice["summary"].toObject()["data"].toString(), "vexlor-schedule");
+    EXPECT_TRUE(notice["body"].toObject()["data"].toString().contains(at)) << at.toStdString();
+    Stop(*run);
+}
+
+struct ReadyRow {
+    const char* name;
+    bool enabled;
+    const char* status;
+};
+
+void PrintTo(const ReadyRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ServiceReady : public ServiceTest, public testing::WithParamInterface<ReadyRow> {};
+
+// systemd starts what waits for the service once READY=1 comes: by then the scheduler polls
+// (or, with scheduling off, the run takes the `enable` that switches it on).
+TEST_P(ServiceReady, ReadyOnceSchedulingIsArmedAndStoppingOnTheWayOut) {
+    if (!VEXLOR_RUNNER_NOTIFIES) {
+        GTEST_SKIP() << "the runner was built without libsystemd";
+    }
+    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(socket, 0);
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    const QByteArray path = FilePath("notify").toUtf8();
+    std::copy(path.begin(), path.end(), name.sun_path);
+    ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+    qputenv("NOTIFY_SOCKET", path);
+    const auto receive = [socket](const char* what) {
+        QStringList got;
+        pollfd ready{socket, POLLIN, 0};
+        while (!got.contains(what) && ::poll(&ready, 1, 10000) == 1) {
+            char buffer[4096];
+            const ssize_t size = ::recv(socket, buffer, sizeof buffer, 0);
+            got +=
+                QString::fromUtf8(buffer, static_cast<int>(std::max<ssize_t>(size, 0))).split('\n');
+        }
+        return got;
+    };
+
+    Add(QStringList{"Later", "--in", "4h"} +
+        (GetParam().enabled ? QStringList{"--enable"} : QStringList{}));
+    auto run = Start({"run", "--notify", "none"});
+    const QStringList sent = receive("READY=1");
+    while (run->waitForReadyRead(0)) {
+        seen += QString::fromUtf8(run->readAllStandardOutput());
+    }
+    ASSERT_TRUE(sent.contains("READY=1")) << sent.join('|').toStdString();
+    EXPECT_TRUE(sent.contains(GetParam().status)) << sent.join('|').toStdString();
+    // Printed before READY=1, once the scheduler was set up with the stored flag.
+    EXPECT_TRUE(seen.contains(
+        QStringLiteral("scheduler running: scheduling %1").arg(GetParam().enabled ? "on" : "off")))
+        << seen.toStdString();
+
+    ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
+    EXPECT_TRUE(receive("STOPPING=1").contains("STOPPING=1"));
+    EXPECT_EQ(Finish(*run).exitCode, 0);
+    ::close(socket);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ServiceReady,
+    testing::Values(ReadyRow{"On", true, "STATUS=scheduling on, 1 recording(s) ahead"},
+                    ReadyRow{"Off", false,
+                             "STATUS=scheduling off: `vexlor-schedule enable` switches it on"}),
+    [](const testing::TestParamInfo<ReadyRow>& info) { return std::string(info.param.name); });
+
+}  // namespace
