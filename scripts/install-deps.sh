@@ -8,7 +8,7 @@ packages=(
   libgoogle-glog-dev libunwind-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
-  dbus
+  dbus python3-dbusmock
 )
 
 missing=()

@@ -13,7 +13,7 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 
-#include "fakes/FakeDBusServices.h"
+#include "fakes/MockBus.h"
 #include "fakes/SilentBus.h"
 #include "platform/BusProbe.h"
 
@@ -24,7 +24,7 @@ using namespace std::chrono_literals;
 using Testing::SilentBus;
 using Outcome = Probe::Outcome;
 
-// The private bus that the fakes start, "unix:path=...,guid=...".
+// The private bus that the mock services run on, "unix:path=...,guid=...".
 std::string TestBus() {
     return qgetenv("DBUS_SESSION_BUS_ADDRESS").toStdString();
 }
