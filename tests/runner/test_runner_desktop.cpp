@@ -26,7 +26,7 @@ class DesktopRunnerTest : public RunnerTest {
 protected:
     void SetUp() override {
         RunnerTest::SetUp();
-        InheritBuses();
+        inheritBuses = true;
     }
 
     bool WaitForOutput(QProcess& process, const QString& needle, int timeoutMs) {
@@ -90,7 +90,8 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
 // for a recording due 3 s after the start.
 TEST_F(DesktopRunnerTest, BusesThatNeverAnswerCostTwoSecondsOnceAndTheRecordingRuns) {
     SilentBus bus;
-    UseBuses(QString::fromStdString(bus.Address()));
+    busAddress = QString::fromStdString(bus.Address());
+    inheritBuses = false;
     ASSERT_EQ(Run({"add", "Soon", "--in", "3s", "--for", "1s"}).exitCode, 0);
     ASSERT_EQ(Run({"enable"}).exitCode, 0);
 
