@@ -106,12 +106,6 @@ void MockService::Pause(bool paused) {
     ::kill(static_cast<pid_t>(process.processId()), paused ? SIGSTOP : SIGCONT);
 }
 
-void MockService::Quit() {
-    process.kill();
-    process.waitForFinished(5000);
-    EXPECT_TRUE(NameIs(name, false));
-}
-
 QDBusMessage MockService::Call(const QString& interface, const QString& method,
                                const QVariantList& arguments) const {
     QDBusMessage message = QDBusMessage::createMethodCall(name, path, interface, method);

@@ -21,8 +21,6 @@ public:
     bool Up() const { return up; }
     // A stopped service still has its name and gets the calls, but answers none.
     void Pause(bool paused);
-    // Leaves the bus.
-    void Quit();
     // The arguments of every call of `method` so far, from the mock's call log.
     QList<QVariantList> Calls(const QString& method) const;
     // logind: what, who, why and mode of each lock held now, waiting up to `waitMs` for there
