@@ -178,54 +178,36 @@ INSTANTIATE_TEST_SUITE_P(
                             "the answer to Hello is not D-Bus"}),
     [](const testing::TestParamInfo<PeerRow>& info) { return std::string(info.param.name); });
 
-// Sets an environment variable for one scope; unset with no value.
-class ScopedVariable {
-public:
-    ScopedVariable(const char* name, const char* value = nullptr)
-        : name(name), had(qEnvironmentVariableIsSet(name)), before(qgetenv(name)) {
-        if (value) {
-            qputenv(name, value);
-        } else {
-            qunsetenv(name);
-        }
-    }
-    ~ScopedVariable() {
-        if (had) {
-            qputenv(name, before);
-        } else {
-            qunsetenv(name);
-        }
-    }
-
-private:
-    const char* name;
-    bool had;
-    QByteArray before;
-};
-
 TEST(BusProbe, FindsTheAddressesAsLibdbusDoes) {
+    const QByteArray bus = QByteArray::fromStdString(TestBus());
+    const QByteArray runtimeBefore = qgetenv("XDG_RUNTIME_DIR");
     EXPECT_EQ(Probe::AddressOf(Kind::System), TestBus());
     EXPECT_EQ(Probe::AddressOf(Kind::Session), TestBus());
-    {
-        ScopedVariable system("DBUS_SYSTEM_BUS_ADDRESS");
-        EXPECT_EQ(Probe::AddressOf(Kind::System), "unix:path=/var/run/dbus/system_bus_socket");
-        ScopedVariable empty("DBUS_SYSTEM_BUS_ADDRESS", "");
-        EXPECT_EQ(Probe::AddressOf(Kind::System), "");
-    }
+    qunsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    EXPECT_EQ(Probe::AddressOf(Kind::System), "unix:path=/var/run/dbus/system_bus_socket");
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", "");
+    EXPECT_EQ(Probe::AddressOf(Kind::System), "");
 
     // Without an address, the session bus is the user's socket in the runtime folder; odd
     // bytes in its path are escaped, so that the address leads back to it.
     QTemporaryDir runtime(QDir::tempPath() + QStringLiteral("/vexlor runtime,=;XXXXXX"));
-    ScopedVariable session("DBUS_SESSION_BUS_ADDRESS");
-    ScopedVariable runtimeDir("XDG_RUNTIME_DIR", runtime.path().toUtf8().constData());
+    qunsetenv("DBUS_SESSION_BUS_ADDRESS");
+    qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
     EXPECT_EQ(Probe::AddressOf(Kind::Session), "");
     const int listener = Listen(runtime.filePath("bus").toStdString());
     const std::string address = Probe::AddressOf(Kind::Session);
     EXPECT_EQ(address.find_first_of(" ,;"), std::string::npos) << address;
     EXPECT_EQ(Probe::Check(address, 200ms).outcome, Outcome::Silent) << address;
     ::close(listener);
-    ScopedVariable noRuntime("XDG_RUNTIME_DIR");
+    qunsetenv("XDG_RUNTIME_DIR");
     EXPECT_EQ(Probe::AddressOf(Kind::Session), "");
+
+    // The private bus again for the tests that follow.
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", bus);
+    qputenv("DBUS_SESSION_BUS_ADDRESS", bus);
+    if (!runtimeBefore.isEmpty()) {
+        qputenv("XDG_RUNTIME_DIR", runtimeBefore);
+    }
 }
 
 }  // namespace

@@ -24,6 +24,7 @@ TEST_F(RunnerTest, TwoRecordingsRunInOrderWithTheirValuesAndLeaveTheScheduleEmpt
     Add({"First", "--in", "2s", "--for", "1s", "--tag", "7", "--mode", "1"});
     Add({title, "--in", "4s", "--for", "1s"});
     ASSERT_EQ(Run({"enable"}).exitCode, 0);
+    ASSERT_TRUE(QFile::exists(SettingsFile()));
     const QString status = Run({"status"}).out;
     EXPECT_TRUE(status.contains("next: \"First\"")) << status.toStdString();
     const QStringList listed = Run({"list"}).out.split('\n', Qt::SkipEmptyParts);
