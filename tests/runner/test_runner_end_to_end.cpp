@@ -21,8 +21,9 @@ const QString WRITE_ENVIRONMENT = QStringLiteral(
 TEST_F(RunnerTest, TwoRecordingsRunInOrderWithTheirValuesAndLeaveTheScheduleEmpty) {
     settingsFromEnvironment = true;
     const QString title = QStringLiteral("$(touch x); \"quotes\" `touch y` 'z'");
-    Add({"First", "--in", "2s", "--for", "1s", "--tag", "7", "--mode", "1"});
-    Add({title, "--in", "4s", "--for", "1s"});
+    // Far enough ahead for the five commands before the run, also in a sanitizer build.
+    Add({"First", "--in", "4s", "--for", "1s", "--tag", "7", "--mode", "1"});
+    Add({title, "--in", "6s", "--for", "1s"});
     ASSERT_EQ(Run({"enable"}).exitCode, 0);
     ASSERT_TRUE(QFile::exists(SettingsFile()));
     const QString status = Run({"status"}).out;
