@@ -4,6 +4,7 @@
 
 #include "Duration.h"
 #include "LocalTime.h"
+#include "Plans.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -124,6 +125,20 @@ bool DecodeUtf8(const QByteArray& bytes, QString& text) {
     return valid;
 }
 
+// The date and time fields of "YYYY-MM-DD HH:MM[:SS]", carried as UTC.
+bool ParseWallTime(const QString& text, QDateTime& wall) {
+    const int space = text.indexOf(QLatin1Char(' '));
+    const QDate date = QDate::fromString(text.left(space), QStringLiteral("yyyy-MM-dd"));
+    for (const char* format : {"HH:mm:ss", "HH:mm"}) {
+        const QTime time = QTime::fromString(text.mid(space + 1), QLatin1String(format));
+        if (space > 0 && date.isValid() && time.isValid()) {
+            wall = QDateTime(date, time, Qt::UTC);
+            return true;
+        }
+    }
+    return false;
+}
+
 std::optional<Time::TimePoint> ParseLocalTime(const QString& text, QString& error) {
     // Date and time apart: QDateTime refuses a local time in a gap before saying which.
     const int space = text.indexOf(QLatin1Char(' '));
@@ -182,6 +197,7 @@ std::optional<int> IntegerValue(const QString& name, const QString& text, QStrin
 
 QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
     QString error;
+    QString atProblem;  // a time the clocks skip or show twice
     bool haveTitle = false;
     bool onlyPositionals = false;
     while (!reader.AtEnd()) {
@@ -200,6 +216,17 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
         }
         std::optional<QString> inlineValue;
         const QString name = ArgumentReader::OptionName(argument, inlineValue);
+        if (name == QLatin1String("--repeat")) {
+            const auto value = reader.Value(name, inlineValue, error);
+            if (!value) {
+                return error;
+            }
+            if (!ParseRule(*value, error)) {
+                return QStringLiteral("--repeat: %1").arg(error);
+            }
+            add.repeat = *value;
+            continue;
+        }
         if (name == QLatin1String("--allow-overlap") && !inlineValue) {
             add.allowOverlap = true;
             continue;
@@ -225,6 +252,15 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
         }
         if (name == QLatin1String("--at")) {
             add.at = ParseLocalTime(*value, error);
+            // A plan's first start may fall where the clocks change, like its later ones:
+            // whether this is one is known at the end.
+            if (!add.at && ParseWallTime(*value, add.atWall)) {
+                atProblem = error;
+                error.clear();
+                add.at = ResolveWallTime(add.atWall, QString());
+            } else if (add.at) {
+                ParseWallTime(*value, add.atWall);
+            }
         } else if (name == QLatin1String("--in")) {
             add.in = DurationValue(name, *value, error);
         } else if (name == QLatin1String("--for")) {
@@ -252,6 +288,41 @@ QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
     }
     if (!add.at && !add.in) {
         return QStringLiteral("add needs --at TIME or --in DURATION");
+    }
+    return add.repeat ? QString() : atProblem;
+}
+
+// import FILE, export [FILE], upcoming [--count N]
+QString ParseCalendarCommand(const QString& command, ArgumentReader& reader,
+                             Invocation& invocation) {
+    QString error;
+    if (command == QLatin1String("upcoming")) {
+        invocation.command = CommandName::Upcoming;
+        while (!reader.AtEnd()) {
+            std::optional<QString> inlineValue;
+            const QString name = ArgumentReader::OptionName(reader.Take(), inlineValue);
+            if (name != QLatin1String("--count")) {
+                return QStringLiteral("upcoming: unknown argument %1").arg(name);
+            }
+            const auto value = reader.Value(name, inlineValue, error);
+            const auto count = value ? IntegerValue(name, *value, error) : std::nullopt;
+            if (!count || *count < 1) {
+                return error.isEmpty() ? QStringLiteral("--count must be at least 1") : error;
+            }
+            invocation.count = *count;
+        }
+        return {};
+    }
+    invocation.command =
+        command == QLatin1String("import") ? CommandName::Import : CommandName::Export;
+    if (!reader.AtEnd()) {
+        invocation.calendarFile = reader.Take();
+    }
+    if (!reader.AtEnd()) {
+        return QStringLiteral("%1 takes one file").arg(command);
+    }
+    if (invocation.command == CommandName::Import && invocation.calendarFile.isEmpty()) {
+        return QStringLiteral("import needs a file");
     }
     return {};
 }
@@ -376,6 +447,9 @@ ParseResult ParseCommandLine(const QList<QByteArray>& rawArguments) {
                 error = QStringLiteral("remove takes one title");
             }
         }
+    } else if (command == QLatin1String("import") || command == QLatin1String("export") ||
+               command == QLatin1String("upcoming")) {
+        error = ParseCalendarCommand(command, reader, invocation);
     } else if (command == QLatin1String("run")) {
         invocation.command = CommandName::Run;
         error = ParseRun(reader, invocation.run);
@@ -392,7 +466,11 @@ QString UsageText() {
     return QStringLiteral(
         "usage: vexlor-schedule [--settings FILE] COMMAND ...\n"
         "  add TITLE (--at \"YYYY-MM-DD HH:MM[:SS]\" | --in DURATION) [--for DURATION]\n"
-        "            [--tag N] [--mode 0|1|2] [--allow-overlap] [--enable]\n"
+        "            [--tag N] [--mode 0|1|2] [--allow-overlap] [--enable] [--repeat RULE]\n"
+        "  import FILE.ics   events become plans (with an RRULE) or recordings\n"
+        "  export [FILE.ics] every plan and recording as a calendar (standard output without "
+        "FILE)\n"
+        "  upcoming [--count N]  the next N recordings (10), plans expanded\n"
         "  list          the stored schedule, one line per record\n"
         "  remove TITLE\n"
         "  clear\n"
@@ -401,6 +479,7 @@ QString UsageText() {
         "  status        the enabled flag, the next recording and the time until it\n"
         "  run [--lead DURATION] [--exec COMMAND] [--until-empty]\n"
         "      [--notify desktop|console|none] [--no-keep-awake]\n"
+        "RULE: daily, weekdays, weekly or an RFC 5545 RRULE such as FREQ=WEEKLY;BYDAY=MO,WE.\n"
         "DURATION: 90s, 30m, 1h30m or 0 (--for 0, the default: no planned end).\n"
         "The settings file is FILE, else $VEXLOR_SCHEDULE_SETTINGS, else one in the user's\n"
         "configuration folder.\n"
