@@ -5,7 +5,10 @@
 #include <QTimeZone>
 
 #include "Calendar.h"
+#include "Commands.h"
 #include "Plans.h"
+#include "RunnerHarness.h"
+#include "ScheduleRequests.h"
 
 // Plans, their occurrences and calendars, on states held in memory.
 namespace Vexlor::ScheduleTool {
@@ -44,8 +47,7 @@ Plan PlanOf(const char* rule, const char* start, const char* zone = "") {
     QString error;
     plan.rule = ParseRule(QString::fromLatin1(rule), error).value_or(QString());
     EXPECT_FALSE(plan.rule.isEmpty()) << error.toStdString();
-    plan.start = QDateTime::fromString(QString::fromLatin1(start), Qt::ISODate);
-    plan.start.setTimeSpec(Qt::UTC);
+    plan.start = WallFromText(QString::fromLatin1(start));
     plan.zone = QString::fromLatin1(zone);
     return plan;
 }
@@ -73,9 +75,7 @@ TEST_P(ExpansionTest, GivesTheOccurrencesOnTheWallClock) {
     ZoneGuard tz(row.tz);
     Plan plan = PlanOf(row.rule, row.start, row.zone);
     for (const char* exception : row.exceptions) {
-        QDateTime wall = QDateTime::fromString(QString::fromLatin1(exception), Qt::ISODate);
-        wall.setTimeSpec(Qt::UTC);
-        plan.exceptions << wall;
+        plan.exceptions << WallFromText(QString::fromLatin1(exception));
     }
     const QTimeZone shownIn(*row.zone ? row.zone : row.tz);
     QStringList got;
@@ -197,5 +197,180 @@ INSTANTIATE_TEST_SUITE_P(
                                  {"2027-11-07T01:30:00-04:00", "2027-11-14T01:30:00-05:00"}}),
     [](const testing::TestParamInfo<ExpansionRow>& info) { return std::string(info.param.name); });
 
+// A daily plan at 10:00 UTC, looked at on the 1st at 09:00.
+TEST(TopUpTest, KeepsTheHorizonAndTheNextOneAndNeverPutsBackWhatLeft) {
+    ZoneGuard tz("UTC");
+    PlanBook book{{PlanOf("daily", "2030-01-01T10:00:00")}, {}};
+    const TopUpResult first = TopUp({}, book, At("2030-01-01T09:00:00Z"));
+    // Seven days ahead hold the 1st to the 7th; the 8th is the first after the horizon.
+    ASSERT_EQ(first.schedule.size(), 8u);
+    EXPECT_EQ(first.schedule.front().title, "Show (2030-01-01 10:00)");
+    EXPECT_EQ(first.schedule.back().title, "Show (2030-01-08 10:00)");
+    EXPECT_FALSE(TopUp(first.schedule, first.book, At("2030-01-01T09:00:00Z")).changed);
+
+    // The 1st ran and the 2nd was removed; a day later the horizon takes in the 9th.
+    QK::RecordTimeList left(first.schedule.begin() + 2, first.schedule.end());
+    const TopUpResult later = TopUp(left, first.book, At("2030-01-02T09:00:00Z"));
+    ASSERT_EQ(later.added.size(), 1u);
+    EXPECT_EQ(later.added.front().title, "Show (2030-01-09 10:00)");
+    EXPECT_EQ(later.added.front().startTime, At("2030-01-09T10:00:00Z"));
+}
+
+EditRequest PlanRequest(const char* title, const char* rule, const char* start, bool allowOverlap) {
+    EditRequest request;
+    request.command = CommandName::Add;
+    request.record.title = QString::fromLatin1(title);
+    request.record.duration = Microseconds(1800 * SECOND);
+    request.rule = QString::fromLatin1(rule);
+    request.wallStart = WallFromText(QString::fromLatin1(start));
+    request.allowOverlap = allowOverlap;
+    return request;
+}
+
+// "Talk" is planned on Thursday 2030-01-03 at 10:15 for 30 min.
+TEST(AddPlanTest, ChecksEveryOccurrenceWithinTheHorizon) {
+    ZoneGuard tz("UTC");
+    QK::RecordTime talk{QStringLiteral("Talk"), At("2030-01-03T10:15:00Z"),
+                        Microseconds(1800 * SECOND)};
+    const ScheduleState state{{talk}, true};
+    const EditContext context{At("2030-01-01T00:00:00Z"), std::nullopt};
+
+    const EditOutcome refused =
+        ApplyEdit(state, PlanRequest("Standup", "weekdays", "2030-01-01T10:00:00", false), context);
+    EXPECT_EQ(refused.exitCode, EXIT_REFUSED);
+    EXPECT_NE(refused.err.indexOf("\"Standup (2030-01-03 10:00)\""), -1)
+        << refused.err.toStdString();
+    EXPECT_NE(refused.err.indexOf("overlaps \"Talk\""), -1) << refused.err.toStdString();
+    EXPECT_FALSE(refused.changed);
+
+    const EditOutcome added =
+        ApplyEdit(state, PlanRequest("Standup", "weekdays", "2030-01-01T10:00:00", true), context);
+    ASSERT_TRUE(added.changed) << added.err.toStdString();
+    EXPECT_EQ(added.changed->plans.plans.size(), 1u);
+    EXPECT_EQ(added.changed->schedule.size(), 7u);  // five weekdays, the next Monday, "Talk"
+
+    EditRequest remove;
+    remove.command = CommandName::Remove;
+    remove.title = QStringLiteral("Standup");
+    const EditOutcome removed = ApplyEdit(*added.changed, remove, context);
+    ASSERT_TRUE(removed.changed);
+    EXPECT_EQ(removed.changed->schedule, QK::RecordTimeList{talk});
+    EXPECT_TRUE(removed.changed->plans.empty());
+}
+
+// A weekly meeting without its second Monday, a one-off talk and an all-day event.
+const char CALENDAR[] =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\n"
+    "BEGIN:VEVENT\r\nUID:meeting\r\nDTSTAMP:20300101T000000Z\r\nSUMMARY:Meeting\r\n"
+    "DTSTART;TZID=Europe/Berlin:20300107T100000\r\nDURATION:PT45M\r\n"
+    "RRULE:FREQ=WEEKLY;BYDAY=MO\r\nEXDATE;TZID=Europe/Berlin:20300114T100000\r\n"
+    "LOCATION:Room 1\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:talk\r\nSUMMARY:Talk\r\nDTSTART:20300109T150000Z\r\n"
+    "DTEND:20300109T160000Z\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:holiday\r\nSUMMARY:Holiday\r\nDTSTART;VALUE=DATE:20300101\r\n"
+    "END:VEVENT\r\nEND:VCALENDAR\r\n";
+
+QStringList Titles(const QK::RecordTimeList& schedule) {
+    QStringList titles;
+    for (const QK::RecordTime& record : schedule) {
+        titles << record.title;
+    }
+    return titles;
+}
+
+TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
+    const QString source = QStringLiteral("/cal.ics");
+    const TimePoint now = At("2030-01-06T00:00:00Z");
+    const ImportResult first = ImportCalendar({}, {}, CALENDAR, source, now);
+    ASSERT_TRUE(first.error.isEmpty()) << first.error.toStdString();
+    const QString report = first.lines.join('\n');
+    EXPECT_NE(report.indexOf("2 added"), -1) << report.toStdString();
+    EXPECT_NE(report.indexOf("Holiday\"): it has no time of day"), -1) << report.toStdString();
+    EXPECT_NE(report.indexOf("left out LOCATION"), -1) << report.toStdString();
+    // 10:00 in Berlin; the 14th is excepted, the 21st is the first after the horizon.
+    EXPECT_EQ(Titles(first.schedule),
+              QStringList({"Meeting (2030-01-07 10:00)", "Talk", "Meeting (2030-01-21 10:00)"}));
+    EXPECT_EQ(first.schedule.front().startTime, At("2030-01-07T09:00:00Z"));
+    EXPECT_EQ(first.schedule.front().duration, Microseconds(2700 * SECOND));
+
+    EXPECT_FALSE(ImportCalendar(first.schedule, first.book, CALENDAR, source, now).changed);
+
+    // The talk moves, the meeting is gone, a review is new.
+    QByteArray updated = CALENDAR;
+    const int meeting = updated.indexOf("BEGIN:VEVENT\r\nUID:meeting");
+    updated.remove(meeting, updated.indexOf("BEGIN:VEVENT\r\nUID:talk") - meeting);
+    updated.replace("20300109T150000Z", "20300110T150000Z")
+        .replace("20300109T160000Z", "20300110T160000Z")
+        .replace("END:VCALENDAR",
+                 "BEGIN:VEVENT\r\nUID:review\r\nSUMMARY:Review\r\n"
+                 "DTSTART:20300111T090000Z\r\nDURATION:PT1H\r\nEND:VEVENT\r\n"
+                 "END:VCALENDAR");
+    const ImportResult second = ImportCalendar(first.schedule, first.book, updated, source, now);
+    EXPECT_EQ(Titles(second.schedule), QStringList({"Talk", "Review"}));
+    EXPECT_EQ(second.schedule.front().startTime, At("2030-01-10T15:00:00Z"));
+    EXPECT_TRUE(second.book.plans.empty());
+    EXPECT_NE(second.lines.front().indexOf("1 added, 1 updated, 1 removed"), -1);
+}
+
+TEST(ImportTest, RefusesAMalformedFileNamingTheLine) {
+    const QByteArray cases[] = {
+        "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nthis is no property\r\nEND:VEVENT\r\n"
+        "END:VCALENDAR\r\n",
+        "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nSUMMARY:A\r\nDTSTART:2030\r\nEND:VEVENT\r\n"
+        "END:VCALENDAR\r\n"};
+    const char* lines[] = {"line 4", "line 5"};
+    for (int i = 0; i < 2; ++i) {
+        const ImportResult result = ImportCalendar({}, {}, cases[i], "/bad.ics", TimePoint());
+        EXPECT_NE(result.error.indexOf(lines[i]), -1) << result.error.toStdString();
+        EXPECT_FALSE(result.changed);
+    }
+}
+
 }  // namespace
 }  // namespace Vexlor::ScheduleTool
+
+// The built program on a settings file of its own.
+namespace {
+
+using Vexlor::Testing::Outcome;
+using Vexlor::Testing::RunnerTest;
+
+TEST_F(RunnerTest, APlanEveryTwoSecondsRunsItsThreeRecordingsInOrder) {
+    Add({"Tick", "--in", "2s", "--for", "1s", "--repeat", "FREQ=SECONDLY;INTERVAL=2;COUNT=3",
+         "--enable"});
+    const Outcome run =
+        Run({"run", "--until-empty", "--exec", "printf '%s\\n' \"$VEXLOR_TITLE\" >> ran.txt"});
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QStringList ran = QString::fromUtf8(ReadFile("ran.txt")).split('\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(ran.size(), 3) << run.out.toStdString();
+    // Distinct, and in order: the titles carry the times.
+    EXPECT_LT(ran[0], ran[1]);
+    EXPECT_LT(ran[1], ran[2]);
+    EXPECT_TRUE(ran[0].startsWith("Tick (")) << ran[0].toStdString();
+    EXPECT_EQ(Run({"list"}).out, QString());
+}
+
+TEST_F(RunnerTest, ImportingAgainOrAMalformedFileLeavesTheSettingsAsTheyWere) {
+    QFile calendar(FilePath("cal.ics"));
+    ASSERT_TRUE(calendar.open(QIODevice::WriteOnly));
+    calendar.write(Vexlor::ScheduleTool::CALENDAR);
+    calendar.close();
+    ASSERT_EQ(Run({"import", FilePath("cal.ics")}).exitCode, 0);
+    const QByteArray imported = ReadFile("settings.ini");
+    EXPECT_TRUE(Run({"upcoming", "--count", "3"}).out.contains("Meeting (2030-01-21 10:00)"));
+
+    const Outcome again = Run({"import", FilePath("cal.ics")});
+    EXPECT_EQ(again.exitCode, 0);
+    EXPECT_TRUE(again.out.contains("2 unchanged")) << again.out.toStdString();
+    EXPECT_EQ(ReadFile("settings.ini"), imported);
+
+    ASSERT_TRUE(calendar.open(QIODevice::WriteOnly));
+    calendar.write("BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:talk\r\nDTSTART:tomorrow\r\n");
+    calendar.close();
+    const Outcome malformed = Run({"import", FilePath("cal.ics")});
+    EXPECT_EQ(malformed.exitCode, 1);
+    EXPECT_TRUE(malformed.err.contains("line 4")) << malformed.err.toStdString();
+    EXPECT_EQ(ReadFile("settings.ini"), imported);
+}
+
+}  // namespace

@@ -50,6 +50,23 @@ QString LineError(int line, const QString& text) {
     return QStringLiteral("line %1 could not be read: %2").arg(line).arg(text.left(200));
 }
 
+// The values the parser would reject as a whole, without saying where.
+bool ValueFits(const QString& name, const QString& value) {
+    static const QRegularExpression dateTimes(
+        QStringLiteral(R"(^\d{8}(T\d{6}Z?)?(,\d{8}(T\d{6}Z?)?)*$)"));
+    static const QRegularExpression duration(
+        QStringLiteral(R"(^[+-]?P(\d+W|\d+D(T(\d+H)?(\d+M)?(\d+S)?)?|T(\d+H)?(\d+M)?(\d+S)?)$)"));
+    if (name == QLatin1String("DTSTART") || name == QLatin1String("DTEND") ||
+        name == QLatin1String("EXDATE") || name == QLatin1String("RECURRENCE-ID")) {
+        return dateTimes.match(value).hasMatch();
+    }
+    if (name == QLatin1String("DURATION")) {
+        return duration.match(value).hasMatch() && value != QLatin1String("PT");
+    }
+    QString error;
+    return name != QLatin1String("RRULE") || ParseRule(value, error).has_value();
+}
+
 // Checks the content lines (RFC 5545 section 3.1) and the nesting of the components, which
 // the parser below would pass over silently, and notes where each event's properties are.
 Scan ScanCalendar(const QByteArray& bytes) {
@@ -114,6 +131,10 @@ Scan ScanCalendar(const QByteArray& bytes) {
             open.removeLast();
             ended = open.isEmpty();
         } else if (open.size() == 2 && open.back() == QLatin1String("VEVENT")) {
+            if (!ValueFits(name, match.captured(6).trimmed())) {
+                scan.error = LineError(number, line);
+                return scan;
+            }
             scan.events.back().properties.push_back({name, number});
             if (name == QLatin1String("UID")) {
                 scan.events.back().uid = match.captured(6);

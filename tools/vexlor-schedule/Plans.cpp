@@ -47,12 +47,6 @@ QString WallText(const QDateTime& wall) {
     return wall.toString(WALL_FORMAT);
 }
 
-QDateTime WallFromText(const QString& text) {
-    QDateTime wall = QDateTime::fromString(text, WALL_FORMAT);
-    wall.setTimeSpec(Qt::UTC);
-    return wall;
-}
-
 QString Micros(Time::TimePoint instant) {
     return QString::number(instant.time_since_epoch().count());
 }
@@ -185,6 +179,14 @@ QString Collision(const QK::RecordTimeList& schedule, const QK::RecordTime& reco
 }
 
 }  // namespace
+
+QDateTime WallFromText(const QString& text) {
+    // Read as UTC from the start: read as local time, one in a gap would be invalid.
+    const QStringList parts = text.split(QLatin1Char('T'));
+    return parts.size() != 2 ? QDateTime()
+                             : QDateTime(QDate::fromString(parts[0], Qt::ISODate),
+                                         QTime::fromString(parts[1], Qt::ISODate), Qt::UTC);
+}
 
 bool SameDefinition(const Plan& a, const Plan& b) {
     return a.title == b.title && a.rule == b.rule && a.start == b.start && a.zone == b.zone &&

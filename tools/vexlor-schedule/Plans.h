@@ -75,6 +75,9 @@ std::optional<QString> ParseRule(const QString& text, QString& error);
 // forward by the length of the gap), a time they show twice is the first of the two.
 Time::TimePoint ResolveWallTime(const QDateTime& wall, const QString& zone);
 
+// "2030-01-31T10:00:00" as a wall time carried with Qt::UTC; invalid for other text.
+QDateTime WallFromText(const QString& text);
+
 // What the clock of `zone` (empty: local) shows at `instant`, carried with Qt::UTC.
 QDateTime WallTimeAt(Time::TimePoint instant, const QString& zone);
 

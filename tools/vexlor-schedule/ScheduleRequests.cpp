@@ -381,7 +381,8 @@ QByteArray EncodeRequest(const EditRequest& request) {
         {QStringLiteral("enable"), request.enable},
         {QStringLiteral("title"), request.title},
         {QStringLiteral("rule"), request.rule},
-        {QStringLiteral("wallStart"), request.wallStart.toString(Qt::ISODate)},
+        {QStringLiteral("wallStart"),
+         request.wallStart.toString(QStringLiteral("yyyy-MM-ddTHH:mm:ss"))},
         {QStringLiteral("calendar"), QString::fromLatin1(request.calendar.toBase64())},
         {QStringLiteral("source"), request.source},
         {QStringLiteral("count"), request.count}};
@@ -412,9 +413,7 @@ std::optional<EditRequest> DecodeRequest(const QByteArray& bytes) {
     request.enable = json.value(QStringLiteral("enable")).toBool();
     request.title = json.value(QStringLiteral("title")).toString();
     request.rule = json.value(QStringLiteral("rule")).toString();
-    request.wallStart =
-        QDateTime::fromString(json.value(QStringLiteral("wallStart")).toString(), Qt::ISODate);
-    request.wallStart.setTimeSpec(Qt::UTC);
+    request.wallStart = WallFromText(json.value(QStringLiteral("wallStart")).toString());
     request.calendar =
         QByteArray::fromBase64(json.value(QStringLiteral("calendar")).toString().toLatin1());
     request.source = json.value(QStringLiteral("source")).toString();
