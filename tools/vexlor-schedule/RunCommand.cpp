@@ -226,7 +226,7 @@ QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
     }
     printer.ScheduleReloaded(outcome.changed->enabled, outcome.changed->schedule.size());
     ApplyState(*outcome.changed);
-    if (request->command == CommandName::Add) {
+    if (request->command == CommandName::Add && request->rule.isEmpty()) {
         const QK::RecordTimeList running = scheduler->GetSchedule();
         const bool kept = std::any_of(running.begin(), running.end(), [&](const QK::RecordTime& r) {
             return r.title == request->record.title;
