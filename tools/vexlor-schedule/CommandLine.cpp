@@ -2,6 +2,15 @@
 
 #include <unistd.h>
 
+#include <functional>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <QTextCodec>
+
 #include "Duration.h"
 #include "LocalTime.h"
 #include "Plans.h"
@@ -10,480 +19,359 @@ namespace Vexlor::ScheduleTool {
 
 namespace {
 
-// Walks the arguments of one command; options take their value as the next argument or
-// after "=".
-class ArgumentReader {
-public:
-    ArgumentReader(const QStringList& arguments, int start) : arguments(arguments), next(start) {}
-
-    bool AtEnd() const { return next >= arguments.size(); }
-    QString Take() { return arguments.at(next++); }
-
-    // Splits "--name=value"; `value` is set only for that form.
-    static QString OptionName(const QString& argument, std::optional<QString>& value) {
-        const int equals = argument.indexOf(QLatin1Char('='));
-        if (argument.startsWith(QLatin1String("--")) && equals > 0) {
-            value = argument.mid(equals + 1);
-            return argument.left(equals);
-        }
-        value.reset();
-        return argument;
+// Nothing unless the bytes are UTF-8: no overlong forms, surrogates or code points past
+// U+10FFFF, nothing cut short. QString::fromUtf8 would replace those and drop a leading U+FEFF.
+std::optional<QString> DecodeUtf8(const QByteArray& bytes) {
+    QTextCodec::ConverterState state(QTextCodec::IgnoreHeader);
+    const QString text =
+        QTextCodec::codecForMib(106)->toUnicode(bytes.constData(), bytes.size(), &state);
+    if (state.invalidChars != 0 || state.remainingChars != 0) {
+        return std::nullopt;
     }
-
-    std::optional<QString> Value(const QString& name, std::optional<QString> inlineValue,
-                                 QString& error) {
-        if (inlineValue) {
-            return inlineValue;
-        }
-        if (AtEnd()) {
-            error = QStringLiteral("%1 needs a value").arg(name);
-            return std::nullopt;
-        }
-        return Take();
-    }
-
-private:
-    const QStringList& arguments;
-    int next;
-};
-
-// The length of the well-formed UTF-8 sequence that starts at `bytes[i]`, or 0: no overlong
-// forms, no surrogates, nothing past U+10FFFF.
-int Utf8SequenceLength(const QByteArray& bytes, int i, char32_t& codePoint) {
-    const auto byteAt = [&bytes](int k) { return static_cast<unsigned char>(bytes[k]); };
-    const unsigned char lead = byteAt(i);
-    if (lead < 0x80) {
-        codePoint = lead;
-        return 1;
-    }
-    int length = 0;
-    unsigned char low = 0x80;  // the range of the second byte, narrower after some leads
-    unsigned char high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-        codePoint = lead & 0x1Fu;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        codePoint = lead & 0x0Fu;
-        low = lead == 0xE0 ? 0xA0 : low;
-        high = lead == 0xED ? 0x9F : high;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        codePoint = lead & 0x07u;
-        low = lead == 0xF0 ? 0x90 : low;
-        high = lead == 0xF4 ? 0x8F : high;
-    } else {
-        return 0;
-    }
-    if (i + length > bytes.size()) {
-        return 0;
-    }
-    for (int k = 1; k < length; ++k) {
-        const unsigned char next = byteAt(i + k);
-        if (next < (k == 1 ? low : 0x80) || next > (k == 1 ? high : 0xBF)) {
-            return 0;
-        }
-        codePoint = codePoint << 6 | (next & 0x3Fu);
-    }
-    return length;
+    return text;
 }
 
-// QString::fromUcs4 would drop a leading U+FEFF.
-void AppendCodePoint(QString& text, char32_t codePoint) {
-    if (QChar::requiresSurrogates(codePoint)) {
-        text += QChar(QChar::highSurrogate(codePoint));
-        text += QChar(QChar::lowSurrogate(codePoint));
-    } else {
-        text += QChar(static_cast<char16_t>(codePoint));
-    }
-}
-
-// Decodes strictly. Qt's own decoders would turn bad bytes into U+FFFD and drop a leading
-// byte order mark. On failure `text` shows the argument with control characters and the
-// bytes that are not UTF-8 written as \xNN.
-bool DecodeUtf8(const QByteArray& bytes, QString& text) {
+// A refused argument as given, every byte outside printable ASCII written as \xNN.
+QString Escaped(const QByteArray& bytes) {
     QString shown;
-    bool valid = true;
-    for (int i = 0; i < bytes.size();) {
-        char32_t codePoint = 0;
-        const int length = Utf8SequenceLength(bytes, i, codePoint);
-        if (length == 0 || codePoint < 0x20 || codePoint == 0x7F) {
-            valid = valid && length != 0;
-            shown += QStringLiteral("\\x%1").arg(static_cast<unsigned char>(bytes[i]), 2, 16,
-                                                 QLatin1Char('0'));
-        } else {
-            AppendCodePoint(shown, codePoint);
-        }
-        if (length != 0) {
-            AppendCodePoint(text, codePoint);
-        }
-        i += length == 0 ? 1 : length;
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        shown += value >= 0x20 && value < 0x7F
+                     ? QString(QLatin1Char(byte))
+                     : QStringLiteral("\\x%1").arg(value, 2, 16, QLatin1Char('0'));
     }
-    if (!valid) {
-        text = shown;
-    }
-    return valid;
+    return shown;
 }
 
-// The date and time fields of "YYYY-MM-DD HH:MM[:SS]", carried as UTC.
-bool ParseWallTime(const QString& text, QDateTime& wall) {
-    const int space = text.indexOf(QLatin1Char(' '));
-    const QDate date = QDate::fromString(text.left(space), QStringLiteral("yyyy-MM-dd"));
-    for (const char* format : {"HH:mm:ss", "HH:mm"}) {
-        const QTime time = QTime::fromString(text.mid(space + 1), QLatin1String(format));
-        if (space > 0 && date.isValid() && time.isValid()) {
-            wall = QDateTime(date, time, Qt::UTC);
-            return true;
-        }
-    }
-    return false;
+// Takes in one value of an option, or says why not; CLI11 puts the option's name before that.
+using Reader = std::function<QString(const QString& text)>;
+
+// Every value is read, in the order given, so that with TakeLast the last one counts and a bad
+// one is refused wherever it stands.
+CLI::Option* AddValue(CLI::App* command, const std::string& name, const std::string& type,
+                      const std::string& help, Reader read) {
+    const auto check = [read](std::string& value) {
+        // The arguments passed DecodeUtf8 before CLI11 saw them.
+        return read(*DecodeUtf8(QByteArray::fromStdString(value))).toStdString();
+    };
+    return command->add_option(name, help)->type_name(type)->check(CLI::Validator(check, {}));
 }
 
-std::optional<Time::TimePoint> ParseLocalTime(const QString& text, QString& error) {
-    // Date and time apart: QDateTime refuses a local time in a gap before saying which.
-    const int space = text.indexOf(QLatin1Char(' '));
-    const QDate date = QDate::fromString(text.left(space), QStringLiteral("yyyy-MM-dd"));
-    for (const char* format : {"HH:mm:ss", "HH:mm"}) {
-        const QTime time = QTime::fromString(text.mid(space + 1), QLatin1String(format));
-        if (space > 0 && date.isValid() && time.isValid()) {
-            QString problem;
-            const auto resolved = ResolveLocalTime(date, time, problem);
-            if (!resolved) {
-                error = QStringLiteral("--at: \"%1\" %2").arg(text, problem);
+template <typename Target>
+Reader DurationInto(Target& target) {
+    return [&target](const QString& text) {
+        const auto duration = ParseDuration(text);
+        if (!duration) {
+            return QStringLiteral("\"%1\" is not a duration (write it like 90s, 30m, 1h30m or 0)")
+                .arg(text);
+        }
+        target = *duration;
+        return QString();
+    };
+}
+
+Reader WholeNumberInto(int& target, int low, int high) {
+    return [&target, low, high](const QString& text) {
+        bool ok = false;
+        const int value = text.toInt(&ok);  // base 10: "010" is ten
+        if (!ok) {
+            return QStringLiteral("\"%1\" is not a whole number").arg(text);
+        }
+        if (value < low || value > high) {
+            return high == std::numeric_limits<int>::max()
+                       ? QStringLiteral("\"%1\" is less than %2").arg(text).arg(low)
+                       : QStringLiteral("\"%1\" is not from %2 to %3").arg(text).arg(low).arg(high);
+        }
+        target = value;
+        return QString();
+    };
+}
+
+// Refuses an empty value, and with `blank` one of white space alone.
+Reader TextInto(std::optional<QString>& target, const QString& refusal, bool blank = false) {
+    return [&target, refusal, blank](const QString& text) {
+        if ((blank ? text.trimmed() : text).isEmpty()) {
+            return refusal;
+        }
+        target = text;
+        return QString();
+    };
+}
+
+template <typename Target, typename Value>
+Reader OneOfInto(Target& target, std::vector<std::pair<QString, Value>> choices) {
+    return [&target, choices](const QString& text) {
+        QStringList names;
+        for (const auto& [name, value] : choices) {
+            if (text == name) {
+                target = value;
+                return QString();
             }
-            return resolved;
+            names << name;
         }
-    }
-    error = QStringLiteral("--at: \"%1\" is not a local time like \"2030-01-31 18:30\"").arg(text);
-    return std::nullopt;
+        return QStringLiteral("\"%1\" is not one of %2").arg(text, names.join(QLatin1Char('|')));
+    };
+}
+
+// A time that the clocks skip or show twice, or one before 1970, is refused for a single
+// recording, but may start a plan, whose later occurrences meet such times too: it is taken
+// as RFC 5545 reads it and `problem` says why a single recording cannot have it. Whether
+// --repeat is given is known only once every argument has been read.
+Reader StartInto(AddOptions& options, QString& problem) {
+    return [&options, &problem](const QString& text) {
+        // Date and time apart: QDateTime refuses a local time in a gap before saying which.
+        const int space = text.indexOf(QLatin1Char(' '));
+        const QDate date = QDate::fromString(text.left(space), QStringLiteral("yyyy-MM-dd"));
+        for (const char* format : {"HH:mm:ss", "HH:mm"}) {
+            const QTime time = QTime::fromString(text.mid(space + 1), QLatin1String(format));
+            if (space > 0 && date.isValid() && time.isValid()) {
+                QString why;
+                options.atWall = QDateTime(date, time, Qt::UTC);
+                options.at = ResolveLocalTime(date, time, why);
+                if (!options.at) {
+                    problem = QStringLiteral("--at: \"%1\" %2").arg(text, why);
+                    options.at = ResolveWallTime(options.atWall, QString());
+                }
+                return QString();
+            }
+        }
+        return QStringLiteral("\"%1\" is not a local time like \"2030-01-31 18:30\"").arg(text);
+    };
+}
+
+// Kept as written: the edit reads it again into its normal form.
+Reader RuleInto(std::optional<QString>& target) {
+    return [&target](const QString& text) {
+        QString error;
+        if (!ParseRule(text, error)) {
+            return error;
+        }
+        target = text;
+        return QString();
+    };
+}
+
+Reader FileInto(QString& target) {
+    return [&target](const QString& text) {
+        if (text.isEmpty()) {
+            return QStringLiteral("needs a file name");
+        }
+        target = text;
+        return QString();
+    };
 }
 
 // Linux refuses a single environment string longer than MAX_ARG_STRLEN (32 pages, the
 // terminating NUL included), and the capture command gets the title as VEXLOR_TITLE=<title>.
 // Checked at add, so that the recording does not fail only when it is due.
-QString CheckTitleFitsTheEnvironment(const QString& title) {
-    const long long limit = 32LL * ::sysconf(_SC_PAGESIZE);
-    const long long overhead = static_cast<long long>(sizeof("VEXLOR_TITLE="));  // with NUL
-    const long long size = title.toUtf8().size();
-    if (size + overhead <= limit) {
-        return {};
-    }
-    return QStringLiteral(
-               "the title is too long: %1 bytes in UTF-8, at most %2 (the capture command's "
-               "environment holds at most %3 bytes for VEXLOR_TITLE=<title>, terminating NUL "
-               "included)")
-        .arg(QString::number(size), QString::number(limit - overhead), QString::number(limit));
+Reader TitleInto(QString& target) {
+    return [&target](const QString& title) {
+        const long long limit = 32LL * ::sysconf(_SC_PAGESIZE);
+        const long long overhead = static_cast<long long>(sizeof("VEXLOR_TITLE="));  // with NUL
+        const long long size = title.toUtf8().size();
+        if (title.isEmpty()) {
+            return QStringLiteral("the title must not be empty");
+        }
+        if (size + overhead > limit) {
+            return QStringLiteral(
+                       "the title is too long: %1 bytes in UTF-8, at most %2 (the capture "
+                       "command's environment holds at most %3 bytes for VEXLOR_TITLE=<title>, "
+                       "terminating NUL included)")
+                .arg(QString::number(size), QString::number(limit - overhead),
+                     QString::number(limit));
+        }
+        target = title;
+        return QString();
+    };
 }
 
-std::optional<Time::Microseconds> DurationValue(const QString& name, const QString& text,
-                                                QString& error) {
-    auto duration = ParseDuration(text);
-    if (!duration) {
-        error = QStringLiteral("%1: \"%2\" is not a duration (write it like 90s, 30m, 1h30m or 0)")
-                    .arg(name, text);
-    }
-    return duration;
+void DefineAdd(CLI::App* add, AddOptions& options, QString& atProblem) {
+    AddValue(add, "TITLE", {},
+             "The recording's title; it must fit the capture command's\n"
+             "environment. -- before a title that starts with -.",
+             TitleInto(options.title))
+        ->required();
+    AddValue(add, "--at", "\"YYYY-MM-DD HH:MM[:SS]\"",
+             "Starts at this local time. A time that clocks skip or\n"
+             "show twice when daylight saving time begins or ends, or\n"
+             "one before 1970, is refused, but with --repeat taken as\n"
+             "RFC 5545 says: a skipped time moves forward by the\n"
+             "length of the gap, a doubled one is the first.",
+             StartInto(options, atProblem))
+        ->multi_option_policy(CLI::MultiOptionPolicy::Throw)
+        ->excludes(AddValue(add, "--in", "DURATION", "Starts this long from now.",
+                            DurationInto(options.in))
+                       ->multi_option_policy(CLI::MultiOptionPolicy::Throw));
+    AddValue(add, "--for", "DURATION", "Lasts this long; 0, the default: no planned end.",
+             DurationInto(options.duration));
+    AddValue(add, "--tag", "N", "A whole number handed to the capture (default -1).",
+             WholeNumberInto(options.tag, std::numeric_limits<int>::min(),
+                             std::numeric_limits<int>::max()));
+    AddValue(add, "--mode", "0|1|2", "The mode handed to the capture (default 0).",
+             WholeNumberInto(options.mode, 0, 2));
+    add->add_flag("--allow-overlap", options.allowOverlap,
+                  "Keeps the record even when it overlaps another.");
+    add->add_flag("--enable", options.enable, "Switches scheduling on in the same edit.");
+    AddValue(add, "--repeat", "RULE",
+             "Repeats the recording: daily, weekdays, weekly or an\n"
+             "RFC 5545 RRULE such as FREQ=WEEKLY;BYDAY=MO,WE;COUNT=10.\n"
+             "The occurrences of the next 7 days, and the one after,\n"
+             "are kept in the schedule.",
+             RuleInto(options.repeat));
+    add->footer("One of --at and --in is needed. DURATION: 90s, 30m, 1h30m or 0.");
 }
 
-std::optional<int> IntegerValue(const QString& name, const QString& text, QString& error) {
-    bool ok = false;
-    const int value = text.toInt(&ok);
-    if (!ok) {
-        error = QStringLiteral("%1: \"%2\" is not a whole number").arg(name, text);
-        return std::nullopt;
-    }
-    return value;
+void DefineRun(CLI::App* run, RunOptions& options) {
+    AddValue(run, "--lead", "DURATION",
+             "Begins each capture this much before its planned start;\n"
+             "it still runs to the planned end (default 0).",
+             DurationInto(options.lead));
+    AddValue(run, "--exec", "COMMAND",
+             "Runs COMMAND under /bin/sh -c for each capture, with\n"
+             "VEXLOR_TITLE, VEXLOR_START, VEXLOR_DURATION_MS,\n"
+             "VEXLOR_TAG and VEXLOR_MODE in its environment. The\n"
+             "capture ends when it exits or at the planned end.",
+             TextInto(options.exec, QStringLiteral("needs a command"), true))
+        ->excludes(AddValue(
+            run, "--capture", "screen|simulate",
+            "Without --exec, how a capture is made: simulate (the\n"
+            "default) waits for the planned end; screen records the\n"
+            "X11 display with ffmpeg into one file per recording in\n"
+            "--output DIR, default the user's videos folder.",
+            OneOfInto(options.capture, std::vector<std::pair<QString, CaptureKind>>{
+                                           {QStringLiteral("screen"), CaptureKind::Screen},
+                                           {QStringLiteral("simulate"), CaptureKind::Simulate}})));
+    AddValue(run, "--output", "DIR", "The folder of the screen recordings.",
+             TextInto(options.outputDir, QStringLiteral("needs a folder")));
+    run->add_flag("--audio", options.audio,
+                  "Adds the default PulseAudio/PipeWire source to the\n"
+                  "screen recordings.");
+    run->add_flag("--until-empty", options.untilEmpty,
+                  "Ends once scheduling is off and nothing runs.");
+    AddValue(run, "--notify", "desktop|console|none",
+             "Where notices go: desktop notifications, the console or\n"
+             "nowhere. The default is desktop in a desktop session,\n"
+             "else console.",
+             OneOfInto(options.notice, std::vector<std::pair<QString, NoticeChoice>>{
+                                           {QStringLiteral("desktop"), NoticeChoice::Desktop},
+                                           {QStringLiteral("console"), NoticeChoice::Console},
+                                           {QStringLiteral("none"), NoticeChoice::None}}));
+    run->add_flag_callback(
+        "--no-keep-awake", [&options] { options.keepAwake = false; },
+        "Takes no logind sleep lock while scheduling is armed.");
+    run->footer("DURATION: 90s, 30m, 1h30m or 0.");
 }
 
-QString ParseAdd(ArgumentReader& reader, AddOptions& add) {
-    QString error;
-    QString atProblem;  // a time the clocks skip or show twice
-    bool haveTitle = false;
-    bool onlyPositionals = false;
-    while (!reader.AtEnd()) {
-        const QString argument = reader.Take();
-        if (onlyPositionals || !argument.startsWith(QLatin1String("--"))) {
-            if (haveTitle) {
-                return QStringLiteral("add takes one title; \"%1\" is one too many").arg(argument);
-            }
-            add.title = argument;
-            haveTitle = true;
-            continue;
-        }
-        if (argument == QLatin1String("--")) {
-            onlyPositionals = true;
-            continue;
-        }
-        std::optional<QString> inlineValue;
-        const QString name = ArgumentReader::OptionName(argument, inlineValue);
-        if (name == QLatin1String("--repeat")) {
-            const auto value = reader.Value(name, inlineValue, error);
-            if (!value) {
-                return error;
-            }
-            if (!ParseRule(*value, error)) {
-                return QStringLiteral("--repeat: %1").arg(error);
-            }
-            add.repeat = *value;
-            continue;
-        }
-        if (name == QLatin1String("--allow-overlap") && !inlineValue) {
-            add.allowOverlap = true;
-            continue;
-        }
-        if (name == QLatin1String("--enable") && !inlineValue) {
-            add.enable = true;
-            continue;
-        }
-        const bool known = name == QLatin1String("--at") || name == QLatin1String("--in") ||
-                           name == QLatin1String("--for") || name == QLatin1String("--tag") ||
-                           name == QLatin1String("--mode");
-        if (!known) {
-            return QStringLiteral("add: unknown option %1").arg(name);
-        }
-        const auto value = reader.Value(name, inlineValue, error);
-        if (!value) {
-            return error;
-        }
-        if (name == QLatin1String("--at") || name == QLatin1String("--in")) {
-            if (add.at || add.in) {
-                return QStringLiteral("add takes one of --at and --in, once");
-            }
-        }
-        if (name == QLatin1String("--at")) {
-            add.at = ParseLocalTime(*value, error);
-            // A plan's first start may fall where the clocks change, like its later ones:
-            // whether this is one is known at the end.
-            if (!add.at && ParseWallTime(*value, add.atWall)) {
-                atProblem = error;
-                error.clear();
-                add.at = ResolveWallTime(add.atWall, QString());
-            } else if (add.at) {
-                ParseWallTime(*value, add.atWall);
-            }
-        } else if (name == QLatin1String("--in")) {
-            add.in = DurationValue(name, *value, error);
-        } else if (name == QLatin1String("--for")) {
-            const auto duration = DurationValue(name, *value, error);
-            add.duration = duration.value_or(Time::Microseconds(0));
-        } else if (name == QLatin1String("--tag")) {
-            add.tag = IntegerValue(name, *value, error).value_or(-1);
-        } else {
-            const auto mode = IntegerValue(name, *value, error);
-            if (mode && (*mode < 0 || *mode > 2)) {
-                error = QStringLiteral("--mode must be 0, 1 or 2");
-            }
-            add.mode = mode.value_or(0);
-        }
-        if (!error.isEmpty()) {
-            return error;
-        }
-    }
-    if (!haveTitle || add.title.isEmpty()) {
-        return QStringLiteral("add needs a title that is not empty");
-    }
-    error = CheckTitleFitsTheEnvironment(add.title);
-    if (!error.isEmpty()) {
-        return error;
-    }
-    if (!add.at && !add.in) {
-        return QStringLiteral("add needs --at TIME or --in DURATION");
-    }
-    return add.repeat ? QString() : atProblem;
-}
+struct Command {
+    const char* word;
+    CommandName name;
+    const char* summary;
+};
+const Command COMMANDS[] = {
+    {"add", CommandName::Add, "Plans a recording."},
+    {"import", CommandName::Import,
+     "Takes the events of a calendar file: those with an RRULE\n"
+     "become plans, the others recordings. Importing it again\n"
+     "updates them by UID."},
+    {"export", CommandName::Export, "Writes every plan and recording as a calendar."},
+    {"upcoming", CommandName::Upcoming, "Prints the next recordings, plans expanded, local time."},
+    {"list", CommandName::List,
+     "Prints the stored schedule, one line per record: local\n"
+     "start, duration, title, tag, mode."},
+    {"remove", CommandName::Remove, "Removes the record with this title."},
+    {"clear", CommandName::Clear, "Removes every record."},
+    {"enable", CommandName::Enable, "Switches scheduling on."},
+    {"disable", CommandName::Disable, "Switches scheduling off."},
+    {"status", CommandName::Status,
+     "Prints the enabled flag, the recording in progress (with\n"
+     "a run active), the next recording and the time until it."},
+    {"run", CommandName::Run,
+     "Runs the scheduler: starts each recording when it is due\n"
+     "and prints a line per event."},
+    {"help", CommandName::Help, "Lists the commands."},
+};
 
-// import FILE, export [FILE], upcoming [--count N]
-QString ParseCalendarCommand(const QString& command, ArgumentReader& reader,
-                             Invocation& invocation) {
-    QString error;
-    if (command == QLatin1String("upcoming")) {
-        invocation.command = CommandName::Upcoming;
-        while (!reader.AtEnd()) {
-            std::optional<QString> inlineValue;
-            const QString name = ArgumentReader::OptionName(reader.Take(), inlineValue);
-            if (name != QLatin1String("--count")) {
-                return QStringLiteral("upcoming: unknown argument %1").arg(name);
-            }
-            const auto value = reader.Value(name, inlineValue, error);
-            const auto count = value ? IntegerValue(name, *value, error) : std::nullopt;
-            if (!count || *count < 1) {
-                return error.isEmpty() ? QStringLiteral("--count must be at least 1") : error;
-            }
-            invocation.count = *count;
-        }
-        return {};
+// The commands with their options and help; CLI11 reads the values into `invocation` as it
+// parses.
+void DefineCommands(CLI::App& app, Invocation& invocation, QString& atProblem) {
+    app.require_subcommand(0, 1);
+    // As ever: the last of repeated values counts, and a flag takes none.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    app.option_defaults()->disable_flag_override();
+    app.get_formatter()->column_width(24);
+    AddValue(&app, "--settings", "FILE", "The settings file; comes before the command.",
+             TextInto(invocation.settingsFile, QStringLiteral("needs a file")));
+    for (const Command& command : COMMANDS) {
+        app.add_subcommand(command.word, command.summary);
     }
-    invocation.command =
-        command == QLatin1String("import") ? CommandName::Import : CommandName::Export;
-    if (!reader.AtEnd()) {
-        invocation.calendarFile = reader.Take();
-    }
-    if (!reader.AtEnd()) {
-        return QStringLiteral("%1 takes one file").arg(command);
-    }
-    if (invocation.command == CommandName::Import && invocation.calendarFile.isEmpty()) {
-        return QStringLiteral("import needs a file");
-    }
-    return {};
-}
-
-QString ParseRun(ArgumentReader& reader, RunOptions& run) {
-    QString error;
-    while (!reader.AtEnd()) {
-        const QString argument = reader.Take();
-        std::optional<QString> inlineValue;
-        const QString name = ArgumentReader::OptionName(argument, inlineValue);
-        if (name == QLatin1String("--until-empty") && !inlineValue) {
-            run.untilEmpty = true;
-            continue;
-        }
-        if (name == QLatin1String("--no-keep-awake") && !inlineValue) {
-            run.keepAwake = false;
-            continue;
-        }
-        if (name != QLatin1String("--lead") && name != QLatin1String("--exec") &&
-            name != QLatin1String("--notify")) {
-            return QStringLiteral("run: unknown argument %1").arg(argument);
-        }
-        const auto value = reader.Value(name, inlineValue, error);
-        if (!value) {
-            return error;
-        }
-        if (name == QLatin1String("--lead")) {
-            const auto lead = DurationValue(name, *value, error);
-            if (!lead) {
-                return error;
-            }
-            run.lead = *lead;
-        } else if (name == QLatin1String("--exec")) {
-            if (value->trimmed().isEmpty()) {
-                return QStringLiteral("--exec needs a command");
-            }
-            run.exec = *value;
-        } else if (*value == QLatin1String("desktop")) {
-            run.notice = NoticeChoice::Desktop;
-        } else if (*value == QLatin1String("console")) {
-            run.notice = NoticeChoice::Console;
-        } else if (*value == QLatin1String("none")) {
-            run.notice = NoticeChoice::None;
-        } else {
-            return QStringLiteral("--notify must be desktop, console or none");
-        }
-    }
-    return {};
+    // After the commands, which would inherit it.
+    app.footer(
+        "DURATION: 90s, 30m, 1h30m or 0.\n"
+        "The settings file is FILE, else $VEXLOR_SCHEDULE_SETTINGS, else\n"
+        "vexlor-schedule/settings.ini in the user's configuration folder.\n"
+        "Exit codes: 0 done, 1 refused or failed, 2 bad arguments.\n"
+        "COMMAND --help shows the options of a command.");
+    DefineAdd(app.get_subcommand("add"), invocation.add, atProblem);
+    AddValue(app.get_subcommand("import"), "FILE.ics", {}, "The calendar file.",
+             FileInto(invocation.calendarFile))
+        ->required();
+    AddValue(app.get_subcommand("export"), "FILE.ics", {},
+             "The file to write; without it, standard output.", FileInto(invocation.calendarFile));
+    AddValue(app.get_subcommand("upcoming"), "--count", "N", "How many to print (default 10).",
+             WholeNumberInto(invocation.count, 1, std::numeric_limits<int>::max()));
+    AddValue(app.get_subcommand("remove"), "TITLE", {},
+             "The record's title (-- before one that starts with -).",
+             [&invocation](const QString& title) {
+                 invocation.removeTitle = title;
+                 return QString();
+             })
+        ->required();
+    DefineRun(app.get_subcommand("run"), invocation.run);
 }
 
 }  // namespace
 
-ParseResult ParseCommandLine(const QList<QByteArray>& rawArguments) {
-    QStringList arguments;
-    for (int i = 0; i < rawArguments.size(); ++i) {
-        QString text;
-        if (!DecodeUtf8(rawArguments[i], text)) {
+ParseResult ParseCommandLine(const QList<QByteArray>& arguments) {
+    std::vector<std::string> backwards;  // as CLI11 takes them
+    for (int i = 0; i < arguments.size(); ++i) {
+        if (!DecodeUtf8(arguments[i])) {
             return {std::nullopt, QStringLiteral("argument %1 is not valid UTF-8: \"%2\"")
-                                      .arg(QString::number(i + 1), text)};
+                                      .arg(QString::number(i + 1), Escaped(arguments[i]))};
         }
-        arguments << text;
+        backwards.insert(backwards.begin(), arguments[i].toStdString());
     }
     Invocation invocation;
-    int index = 0;
-    while (index < arguments.size()) {
-        std::optional<QString> inlineValue;
-        const QString name = ArgumentReader::OptionName(arguments.at(index), inlineValue);
-        if (name != QLatin1String("--settings")) {
-            break;
-        }
-        ++index;
-        if (!inlineValue) {
-            if (index >= arguments.size()) {
-                return {std::nullopt, QStringLiteral("--settings needs a file")};
-            }
-            inlineValue = arguments.at(index++);
-        }
-        if (inlineValue->isEmpty()) {
-            return {std::nullopt, QStringLiteral("--settings needs a file")};
-        }
-        invocation.settingsFile = inlineValue;
+    QString atProblem;
+    CLI::App app("Plans recordings in a settings file and runs them.", "vexlor-schedule");
+    DefineCommands(app, invocation, atProblem);
+    try {
+        app.parse(backwards);
+    } catch (const CLI::CallForHelp&) {
+        invocation.command = CommandName::Help;
+        invocation.helpText = QString::fromStdString(app.help());  // that of the command given
+        return {invocation, {}};
+    } catch (const CLI::ParseError& error) {
+        return {std::nullopt, QString::fromUtf8(error.what())};
     }
-    if (index >= arguments.size()) {
+    if (app.get_subcommands().empty()) {
         return {std::nullopt, QStringLiteral("no command given")};
     }
-    const QString command = arguments.at(index++);
-    ArgumentReader reader(arguments, index);
-    struct Plain {
-        const char* word;
-        CommandName name;
-    };
-    static const Plain plainCommands[] = {
-        {"list", CommandName::List},     {"clear", CommandName::Clear},
-        {"enable", CommandName::Enable}, {"disable", CommandName::Disable},
-        {"status", CommandName::Status}, {"help", CommandName::Help},
-        {"--help", CommandName::Help},   {"-h", CommandName::Help}};
-    for (const Plain& plain : plainCommands) {
-        if (command == QLatin1String(plain.word)) {
-            if (!reader.AtEnd()) {
-                return {std::nullopt, QStringLiteral("%1 takes no arguments, got \"%2\"")
-                                          .arg(command, reader.Take())};
-            }
-            invocation.command = plain.name;
-            return {invocation, {}};
+    for (const Command& command : COMMANDS) {
+        if (app.got_subcommand(command.word)) {
+            invocation.command = command.name;
         }
     }
-    QString error;
-    if (command == QLatin1String("add")) {
-        invocation.command = CommandName::Add;
-        error = ParseAdd(reader, invocation.add);
-    } else if (command == QLatin1String("remove")) {
-        invocation.command = CommandName::Remove;
-        if (reader.AtEnd()) {
-            error = QStringLiteral("remove needs a title");
-        } else {
-            invocation.removeTitle = reader.Take();
-            // "--" before a title that starts with "--", as with add; alone it is the title.
-            if (invocation.removeTitle == QLatin1String("--") && !reader.AtEnd()) {
-                invocation.removeTitle = reader.Take();
-            }
-            if (!reader.AtEnd()) {
-                error = QStringLiteral("remove takes one title");
-            }
-        }
-    } else if (command == QLatin1String("import") || command == QLatin1String("export") ||
-               command == QLatin1String("upcoming")) {
-        error = ParseCalendarCommand(command, reader, invocation);
-    } else if (command == QLatin1String("run")) {
-        invocation.command = CommandName::Run;
-        error = ParseRun(reader, invocation.run);
-    } else {
-        error = QStringLiteral("unknown command \"%1\"").arg(command);
+    if (invocation.command == CommandName::Help) {
+        invocation.helpText = QString::fromStdString(
+            app.get_formatter()->make_help(&app, app.get_name(), CLI::AppFormatMode::Normal));
     }
-    if (!error.isEmpty()) {
-        return {std::nullopt, error};
+    if (invocation.command == CommandName::Add && !invocation.add.at && !invocation.add.in) {
+        return {std::nullopt, QStringLiteral("add needs --at TIME or --in DURATION")};
+    }
+    if (invocation.command == CommandName::Add && !invocation.add.repeat && !atProblem.isEmpty()) {
+        return {std::nullopt, atProblem};
     }
     return {invocation, {}};
-}
-
-QString UsageText() {
-    return QStringLiteral(
-        "usage: vexlor-schedule [--settings FILE] COMMAND ...\n"
-        "  add TITLE (--at \"YYYY-MM-DD HH:MM[:SS]\" | --in DURATION) [--for DURATION]\n"
-        "            [--tag N] [--mode 0|1|2] [--allow-overlap] [--enable] [--repeat RULE]\n"
-        "  import FILE.ics   events become plans (with an RRULE) or recordings\n"
-        "  export [FILE.ics] every plan and recording as a calendar (standard output without "
-        "FILE)\n"
-        "  upcoming [--count N]  the next N recordings (10), plans expanded\n"
-        "  list          the stored schedule, one line per record\n"
-        "  remove TITLE\n"
-        "  clear\n"
-        "  enable\n"
-        "  disable\n"
-        "  status        the enabled flag, the next recording and the time until it\n"
-        "  run [--lead DURATION] [--exec COMMAND] [--until-empty]\n"
-        "      [--notify desktop|console|none] [--no-keep-awake]\n"
-        "RULE: daily, weekdays, weekly or an RFC 5545 RRULE such as FREQ=WEEKLY;BYDAY=MO,WE.\n"
-        "DURATION: 90s, 30m, 1h30m or 0 (--for 0, the default: no planned end).\n"
-        "The settings file is FILE, else $VEXLOR_SCHEDULE_SETTINGS, else one in the user's\n"
-        "configuration folder.\n"
-        "Exit codes: 0 done, 1 refused or failed, 2 bad arguments.\n");
 }
 
 }  // namespace Vexlor::ScheduleTool

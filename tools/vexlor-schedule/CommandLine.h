@@ -29,6 +29,8 @@ enum class CommandName {
 
 enum class NoticeChoice { Desktop, Console, None };
 
+enum class CaptureKind { Simulate, Screen };
+
 struct AddOptions {
     QString title;
     std::optional<Time::TimePoint> at;     // --at, local time converted
@@ -48,6 +50,9 @@ struct RunOptions {
     bool untilEmpty = false;
     std::optional<NoticeChoice> notice;  // unset: chosen from the session, see DesktopBackends.h
     bool keepAwake = true;
+    CaptureKind capture = CaptureKind::Simulate;  // --capture; excludes --exec
+    std::optional<QString> outputDir;             // --output: where screen captures go
+    bool audio = false;                           // --audio: the default source as well
 };
 
 struct Invocation {
@@ -58,6 +63,7 @@ struct Invocation {
     RunOptions run;
     QString calendarFile;  // import FILE, export [FILE]
     int count = 10;        // upcoming --count
+    QString helpText;      // CommandName::Help: what to print
 };
 
 struct ParseResult {
@@ -66,9 +72,8 @@ struct ParseResult {
 };
 
 // `arguments` are the bytes of argv after the program name, as the system passed them: each
-// must be UTF-8, so that nothing is silently replaced on the way in.
+// must be UTF-8, so that nothing is silently replaced on the way in. "--help" after a command,
+// or alone, gives CommandName::Help with that command's help text.
 ParseResult ParseCommandLine(const QList<QByteArray>& arguments);
-
-QString UsageText();
 
 }  // namespace Vexlor::ScheduleTool

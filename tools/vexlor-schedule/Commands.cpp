@@ -122,7 +122,7 @@ EditOutcome Edit(const ScheduleLocation& location, const EditRequest& request) {
 
 int Execute(const Invocation& invocation) {
     if (invocation.command == CommandName::Help) {
-        std::fputs(qPrintable(UsageText()), stdout);
+        std::fputs(invocation.helpText.toUtf8().constData(), stdout);
         return EXIT_DONE;
     }
     const QString path = SettingsPathForProcess(invocation.settingsFile);
