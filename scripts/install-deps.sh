@@ -5,6 +5,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git
   qtbase5-dev qttools5-dev qttools5-dev-tools
+  libkf5calendarcore-dev
   libgoogle-glog-dev libunwind-dev libcli11-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format

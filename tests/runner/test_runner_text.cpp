@@ -107,17 +107,23 @@ struct AtRow {
     const char* at;
     long long seconds;
     const char* refusal;
+    const char* repeat = nullptr;  // given before --at, read after it
 };
 
 void PrintTo(const AtRow& row, std::ostream* out) {
-    *out << row.zone << " \"" << row.at << '"';
+    *out << row.zone << " \"" << row.at << '"' << (row.repeat ? " --repeat" : "");
 }
 
 class ParseAtTest : public testing::TestWithParam<AtRow> {};
 
 TEST_P(ParseAtTest, TakesOnlyLocalTimesThatHappenOnceSince1970) {
     const ZoneGuard zone(GetParam().zone);
-    const ParseResult parsed = ParseCommandLine({"add", "T", "--at", GetParam().at});
+    QList<QByteArray> arguments{"add", "T", "--at", GetParam().at};
+    if (GetParam().repeat) {
+        arguments.insert(2, "--repeat");
+        arguments.insert(3, GetParam().repeat);
+    }
+    const ParseResult parsed = ParseCommandLine(arguments);
     if (GetParam().seconds >= 0) {
         ASSERT_TRUE(parsed.invocation) << parsed.error.toStdString();
         EXPECT_EQ(parsed.invocation->add.at->time_since_epoch().count(),
@@ -140,6 +146,9 @@ INSTANTIATE_TEST_SUITE_P(
         AtRow{"Europe/Berlin", "2026-10-25 02:30", -1,
               "at 2026-10-25T02:30:00+02:00 and at 2026-10-25T02:30:00+01:00"},
         AtRow{"Europe/Berlin", "2026-10-25 03:00", 1792893600, nullptr},
+        // A plan's start as RFC 5545 reads it: 02:30+01:00, and the first 02:30.
+        AtRow{"Europe/Berlin", "2026-03-29 02:30", 1774747800, nullptr, "daily"},
+        AtRow{"Europe/Berlin", "2026-10-25 02:30", 1792888200, nullptr, "daily"},
         AtRow{"America/New_York", "2026-03-08 02:30", -1, "clocks skip from 02:00 to 03:00"},
         AtRow{"America/New_York", "2026-11-01 01:13:20", -1,
               "at 2026-11-01T01:13:20-04:00 and at 2026-11-01T01:13:20-05:00"},
@@ -155,8 +164,8 @@ std::string Outcome(const ParseResult& parsed) {
         return "refused: " + parsed.error.toStdString();
     }
     const Invocation& invocation = *parsed.invocation;
-    const char* const names[] = {"add",     "list",   "remove", "clear", "enable",
-                                 "disable", "status", "run",    "help"};
+    const char* const names[] = {"add",    "list", "remove", "clear",  "enable", "disable",
+                                 "status", "run",  "help",   "import", "export", "upcoming"};
     QStringList fields;
     if (invocation.settingsFile) {
         fields << "settings=" + *invocation.settingsFile;
@@ -169,7 +178,13 @@ std::string Outcome(const ParseResult& parsed) {
                           : "at=" + QString::number(add.at->time_since_epoch().count()))
                << "for=" + FormatDuration(add.duration) << QStringLiteral("tag=%1").arg(add.tag)
                << QStringLiteral("mode=%1").arg(add.mode) << (add.allowOverlap ? "overlap" : "")
-               << (add.enable ? "enable" : "");
+               << (add.enable ? "enable" : "") << (add.repeat ? "repeat=" + *add.repeat : "");
+    }
+    if (invocation.command == CommandName::Import || invocation.command == CommandName::Export) {
+        fields << (invocation.calendarFile.isEmpty() ? "" : "file=" + invocation.calendarFile);
+    }
+    if (invocation.command == CommandName::Upcoming) {
+        fields << QStringLiteral("count=%1").arg(invocation.count);
     }
     const RunOptions& run = invocation.run;
     const char* const notices[] = {"desktop", "console", "none"};
@@ -287,6 +302,26 @@ INSTANTIATE_TEST_SUITE_P(
             "AddUnknownOption", {"add", "T", "--in", "1h", "--colour", "red"}, "refused: --colour"},
         ArgumentsRow{
             "AddFlagTakesNoValue", {"add", "T", "--in", "1h", "--enable=yes"}, "refused: enable"},
+        ArgumentsRow{"AddRepeat",
+                     {"add", "T", "--in", "1h", "--repeat", "FREQ=MONTHLY;BYDAY=-1FR"},
+                     "add T in=1h for=0 tag=-1 mode=0 repeat=FREQ=MONTHLY;BYDAY=-1FR"},
+        ArgumentsRow{"AddBadRule",
+                     {"add", "T", "--in", "1h", "--repeat", "FREQ=FORTNIGHTLY"},
+                     "refused: --repeat: \"FREQ=FORTNIGHTLY\" is not a rule"},
+        ArgumentsRow{"Import", {"import", "a.ics"}, "import file=a.ics"},
+        ArgumentsRow{"ImportNoFile", {"import"}, "refused: FILE.ics"},
+        ArgumentsRow{"ExportToOutput", {"export"}, "export"},
+        ArgumentsRow{"ExportToFile", {"export", "a.ics"}, "export file=a.ics"},
+        ArgumentsRow{"UpcomingDefault", {"upcoming"}, "upcoming count=10"},
+        ArgumentsRow{"UpcomingCount", {"upcoming", "--count=3"}, "upcoming count=3"},
+        ArgumentsRow{"UpcomingNotANumber",
+                     {"upcoming", "--count", "3x"},
+                     "refused: --count: \"3x\" is not a whole number"},
+        ArgumentsRow{
+            "UpcomingNone", {"upcoming", "--count", "0"}, "refused: --count: \"0\" is less than 1"},
+        ArgumentsRow{"UpcomingHelp",
+                     {"upcoming", "--help"},
+                     "help Usage: vexlor-schedule upcoming [OPTIONS]"},
         ArgumentsRow{"RemoveAfterDashes", {"remove", "--", "--old"}, "remove --old"},
         ArgumentsRow{"RemoveDashes", {"remove", "--", "--"}, "remove --"},
         ArgumentsRow{"RemoveNoTitle", {"remove"}, "refused: TITLE"},

@@ -13,6 +13,7 @@
 
 #include "Duration.h"
 #include "LocalTime.h"
+#include "Plans.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -77,7 +78,9 @@ Reader WholeNumberInto(int& target, int low, int high) {
             return QStringLiteral("\"%1\" is not a whole number").arg(text);
         }
         if (value < low || value > high) {
-            return QStringLiteral("\"%1\" is not from %2 to %3").arg(text).arg(low).arg(high);
+            return high == std::numeric_limits<int>::max()
+                       ? QStringLiteral("\"%1\" is less than %2").arg(text).arg(low)
+                       : QStringLiteral("\"%1\" is not from %2 to %3").arg(text).arg(low).arg(high);
         }
         target = value;
         return QString();
@@ -110,20 +113,51 @@ Reader OneOfInto(Target& target, std::vector<std::pair<QString, Value>> choices)
     };
 }
 
-Reader LocalTimeInto(std::optional<Time::TimePoint>& target) {
-    return [&target](const QString& text) {
+// A time that the clocks skip or show twice, or one before 1970, is refused for a single
+// recording, but may start a plan, whose later occurrences meet such times too: it is taken
+// as RFC 5545 reads it and `problem` says why a single recording cannot have it. Whether
+// --repeat is given is known only once every argument has been read.
+Reader StartInto(AddOptions& options, QString& problem) {
+    return [&options, &problem](const QString& text) {
         // Date and time apart: QDateTime refuses a local time in a gap before saying which.
         const int space = text.indexOf(QLatin1Char(' '));
         const QDate date = QDate::fromString(text.left(space), QStringLiteral("yyyy-MM-dd"));
         for (const char* format : {"HH:mm:ss", "HH:mm"}) {
             const QTime time = QTime::fromString(text.mid(space + 1), QLatin1String(format));
             if (space > 0 && date.isValid() && time.isValid()) {
-                QString problem;
-                target = ResolveLocalTime(date, time, problem);
-                return target ? QString() : QStringLiteral("\"%1\" %2").arg(text, problem);
+                QString why;
+                options.atWall = QDateTime(date, time, Qt::UTC);
+                options.at = ResolveLocalTime(date, time, why);
+                if (!options.at) {
+                    problem = QStringLiteral("--at: \"%1\" %2").arg(text, why);
+                    options.at = ResolveWallTime(options.atWall, QString());
+                }
+                return QString();
             }
         }
         return QStringLiteral("\"%1\" is not a local time like \"2030-01-31 18:30\"").arg(text);
+    };
+}
+
+// Kept as written: the edit reads it again into its normal form.
+Reader RuleInto(std::optional<QString>& target) {
+    return [&target](const QString& text) {
+        QString error;
+        if (!ParseRule(text, error)) {
+            return error;
+        }
+        target = text;
+        return QString();
+    };
+}
+
+Reader FileInto(QString& target) {
+    return [&target](const QString& text) {
+        if (text.isEmpty()) {
+            return QStringLiteral("needs a file name");
+        }
+        target = text;
+        return QString();
     };
 }
 
@@ -151,7 +185,7 @@ Reader TitleInto(QString& target) {
     };
 }
 
-void DefineAdd(CLI::App* add, AddOptions& options) {
+void DefineAdd(CLI::App* add, AddOptions& options, QString& atProblem) {
     AddValue(add, "TITLE", {},
              "The recording's title; it must fit the capture command's\n"
              "environment. -- before a title that starts with -.",
@@ -160,8 +194,10 @@ void DefineAdd(CLI::App* add, AddOptions& options) {
     AddValue(add, "--at", "\"YYYY-MM-DD HH:MM[:SS]\"",
              "Starts at this local time. A time that clocks skip or\n"
              "show twice when daylight saving time begins or ends, or\n"
-             "one before 1970, is refused.",
-             LocalTimeInto(options.at))
+             "one before 1970, is refused, but with --repeat taken as\n"
+             "RFC 5545 says: a skipped time moves forward by the\n"
+             "length of the gap, a doubled one is the first.",
+             StartInto(options, atProblem))
         ->multi_option_policy(CLI::MultiOptionPolicy::Throw)
         ->excludes(AddValue(add, "--in", "DURATION", "Starts this long from now.",
                             DurationInto(options.in))
@@ -176,6 +212,12 @@ void DefineAdd(CLI::App* add, AddOptions& options) {
     add->add_flag("--allow-overlap", options.allowOverlap,
                   "Keeps the record even when it overlaps another.");
     add->add_flag("--enable", options.enable, "Switches scheduling on in the same edit.");
+    AddValue(add, "--repeat", "RULE",
+             "Repeats the recording: daily, weekdays, weekly or an\n"
+             "RFC 5545 RRULE such as FREQ=WEEKLY;BYDAY=MO,WE;COUNT=10.\n"
+             "The occurrences of the next 7 days, and the one after,\n"
+             "are kept in the schedule.",
+             RuleInto(options.repeat));
     add->footer("One of --at and --in is needed. DURATION: 90s, 30m, 1h30m or 0.");
 }
 
@@ -227,6 +269,12 @@ struct Command {
 };
 const Command COMMANDS[] = {
     {"add", CommandName::Add, "Plans a recording."},
+    {"import", CommandName::Import,
+     "Takes the events of a calendar file: those with an RRULE\n"
+     "become plans, the others recordings. Importing it again\n"
+     "updates them by UID."},
+    {"export", CommandName::Export, "Writes every plan and recording as a calendar."},
+    {"upcoming", CommandName::Upcoming, "Prints the next recordings, plans expanded, local time."},
     {"list", CommandName::List,
      "Prints the stored schedule, one line per record: local\n"
      "start, duration, title, tag, mode."},
@@ -245,7 +293,7 @@ const Command COMMANDS[] = {
 
 // The commands with their options and help; CLI11 reads the values into `invocation` as it
 // parses.
-void DefineCommands(CLI::App& app, Invocation& invocation) {
+void DefineCommands(CLI::App& app, Invocation& invocation, QString& atProblem) {
     app.require_subcommand(0, 1);
     // As ever: the last of repeated values counts, and a flag takes none.
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
@@ -263,7 +311,14 @@ void DefineCommands(CLI::App& app, Invocation& invocation) {
         "vexlor-schedule/settings.ini in the user's configuration folder.\n"
         "Exit codes: 0 done, 1 refused or failed, 2 bad arguments.\n"
         "COMMAND --help shows the options of a command.");
-    DefineAdd(app.get_subcommand("add"), invocation.add);
+    DefineAdd(app.get_subcommand("add"), invocation.add, atProblem);
+    AddValue(app.get_subcommand("import"), "FILE.ics", {}, "The calendar file.",
+             FileInto(invocation.calendarFile))
+        ->required();
+    AddValue(app.get_subcommand("export"), "FILE.ics", {},
+             "The file to write; without it, standard output.", FileInto(invocation.calendarFile));
+    AddValue(app.get_subcommand("upcoming"), "--count", "N", "How many to print (default 10).",
+             WholeNumberInto(invocation.count, 1, std::numeric_limits<int>::max()));
     AddValue(app.get_subcommand("remove"), "TITLE", {},
              "The record's title (-- before one that starts with -).",
              [&invocation](const QString& title) {
@@ -295,8 +350,9 @@ ParseResult ParseCommandLine(const QList<QByteArray>& arguments) {
         backwards.insert(backwards.begin(), arguments[i].toStdString());
     }
     Invocation invocation;
+    QString atProblem;
     CLI::App app("Plans recordings in a settings file and runs them.", "vexlor-schedule");
-    DefineCommands(app, invocation);
+    DefineCommands(app, invocation, atProblem);
     try {
         app.parse(backwards);
     } catch (const CLI::CallForHelp&) {
@@ -320,6 +376,9 @@ ParseResult ParseCommandLine(const QList<QByteArray>& arguments) {
     }
     if (invocation.command == CommandName::Add && !invocation.add.at && !invocation.add.in) {
         return {std::nullopt, QStringLiteral("add needs --at TIME or --in DURATION")};
+    }
+    if (invocation.command == CommandName::Add && !invocation.add.repeat && !atProblem.isEmpty()) {
+        return {std::nullopt, atProblem};
     }
     const RunOptions& run = invocation.run;
     if (invocation.command == CommandName::Run && (run.outputDir || run.audio) &&

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -11,7 +12,20 @@
 
 namespace Vexlor::ScheduleTool {
 
-enum class CommandName { Add, List, Remove, Clear, Enable, Disable, Status, Run, Help };
+enum class CommandName {
+    Add,
+    List,
+    Remove,
+    Clear,
+    Enable,
+    Disable,
+    Status,
+    Run,
+    Help,
+    Import,
+    Export,
+    Upcoming
+};
 
 enum class NoticeChoice { Desktop, Console, None };
 
@@ -20,6 +34,8 @@ enum class CaptureKind { Simulate, Screen };
 struct AddOptions {
     QString title;
     std::optional<Time::TimePoint> at;     // --at, local time converted
+    QDateTime atWall;                      // --at as written (fields carried as UTC)
+    std::optional<QString> repeat;         // --repeat RULE: a plan
     std::optional<Time::Microseconds> in;  // --in, counted from the moment of the add
     Time::Microseconds duration{0};
     int tag = -1;
@@ -45,7 +61,9 @@ struct Invocation {
     AddOptions add;
     QString removeTitle;
     RunOptions run;
-    QString helpText;  // CommandName::Help: what to print
+    QString calendarFile;  // import FILE, export [FILE]
+    int count = 10;        // upcoming --count
+    QString helpText;      // CommandName::Help: what to print
 };
 
 struct ParseResult {

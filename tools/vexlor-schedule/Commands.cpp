@@ -5,8 +5,10 @@
 #include <memory>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QLocalSocket>
+#include <QSaveFile>
 
 #include "ControlChannel.h"
 #include "Diagnostics.h"
@@ -32,15 +34,33 @@ int Print(const EditOutcome& outcome) {
     return outcome.exitCode;
 }
 
-int Fail(const QString& message) {
+EditOutcome Failure(const QString& message) {
     EditOutcome outcome;
     outcome.exitCode = EXIT_REFUSED;
     outcome.err = message;
-    return Print(outcome);
+    return outcome;
+}
+
+int Fail(const QString& message) {
+    return Print(Failure(message));
 }
 
 bool Writes(CommandName command) {
-    return command != CommandName::List && command != CommandName::Status;
+    return command != CommandName::List && command != CommandName::Status &&
+           command != CommandName::Export && command != CommandName::Upcoming;
+}
+
+// `export FILE` writes the calendar there instead of to standard output.
+int PrintTo(const QString& file, EditOutcome outcome) {
+    if (outcome.exitCode == EXIT_DONE && !file.isEmpty()) {
+        QSaveFile out(file);
+        if (!out.open(QIODevice::WriteOnly) || out.write(outcome.out.toUtf8()) < 0 ||
+            !out.commit()) {
+            return Fail(QStringLiteral("cannot write %1: %2").arg(file, out.errorString()));
+        }
+        outcome.out.clear();
+    }
+    return Print(outcome);
 }
 
 // No run is active and the edit lock is held: read, edit and write the file here.
@@ -55,17 +75,19 @@ EditOutcome EditFile(const QString& path, const EditRequest& request) {
         }
         // What cannot be read can still be cleared.
     }
-    EditOutcome outcome = ApplyEdit({stored.schedule, stored.enabled}, request, context);
+    EditOutcome outcome =
+        ApplyEdit({stored.schedule, stored.enabled, stored.plans}, request, context);
     if (outcome.changed) {
         if (Writes(request.command) && !QDir().mkpath(QFileInfo(path).absolutePath())) {
             throw std::runtime_error("cannot create the folder of " + path.toStdString());
         }
-        WriteStoredSettings(path, {outcome.changed->schedule, outcome.changed->enabled});
+        WriteStoredSettings(
+            path, {outcome.changed->schedule, outcome.changed->enabled, outcome.changed->plans});
     }
     return outcome;
 }
 
-int Edit(const ScheduleLocation& location, const EditRequest& request) {
+EditOutcome Edit(const ScheduleLocation& location, const EditRequest& request) {
     const QByteArray encoded = EncodeRequest(request);
     // A run that ends between our connect and its answer never took the edit; the next
     // round finds the socket gone and edits the file.
@@ -73,7 +95,7 @@ int Edit(const ScheduleLocation& location, const EditRequest& request) {
         FileLock lock = FileLock::Take(location.editLockPath, EDIT_LOCK_PATIENCE);
         QLocalSocket socket;
         if (!ControlClient::Connect(socket, location.socketPath)) {
-            return Print(EditFile(location.settingsPath, request));
+            return EditFile(location.settingsPath, request);
         }
         // The run owns the schedule; it takes the edit lock only while it starts and never
         // waits for it afterwards, but nothing needs it held while the run answers.
@@ -82,17 +104,18 @@ int Edit(const ScheduleLocation& location, const EditRequest& request) {
             ControlClient::Exchange(socket, encoded, RUN_ANSWER_PATIENCE_MS);
         if (answer.kind == ControlAnswer::Answered) {
             if (const auto outcome = DecodeOutcome(answer.answer)) {
-                return Print(*outcome);
+                return *outcome;
             }
-            return Fail(QStringLiteral("the running scheduler gave an answer that is not one"));
+            return Failure(QStringLiteral("the running scheduler gave an answer that is not one"));
         }
         if (socket.state() == QLocalSocket::ConnectedState) {
-            return Fail(QStringLiteral("the running scheduler (pid %1) did not answer within %2 s")
-                            .arg(FileLock::HolderPid(location.runLockPath))
-                            .arg(RUN_ANSWER_PATIENCE_MS / 1000));
+            return Failure(
+                QStringLiteral("the running scheduler (pid %1) did not answer within %2 s")
+                    .arg(FileLock::HolderPid(location.runLockPath))
+                    .arg(RUN_ANSWER_PATIENCE_MS / 1000));
         }
     }
-    return Fail(QStringLiteral("the running scheduler kept going away before it answered"));
+    return Failure(QStringLiteral("the running scheduler kept going away before it answered"));
 }
 
 }  // namespace
@@ -108,7 +131,21 @@ int Execute(const Invocation& invocation) {
         if (invocation.command == CommandName::Run) {
             return RunScheduler(location, invocation.run);
         }
-        return Edit(location, MakeEditRequest(invocation, Time::SystemClock().Now()));
+        EditRequest request = MakeEditRequest(invocation, Time::SystemClock().Now());
+        if (invocation.command == CommandName::Import) {
+            // Read here, where the name means what the user meant; the events are tracked by
+            // the file they came from.
+            QFile file(invocation.calendarFile);
+            if (!file.open(QIODevice::ReadOnly)) {
+                return Fail(QStringLiteral("cannot read %1: %2")
+                                .arg(invocation.calendarFile, file.errorString()));
+            }
+            request.calendar = file.readAll();
+            request.source = QFileInfo(file).canonicalFilePath();
+        }
+        const QString exportFile =
+            invocation.command == CommandName::Export ? invocation.calendarFile : QString();
+        return PrintTo(exportFile, Edit(location, request));
     } catch (const std::exception& error) {
         return Fail(QString::fromLocal8Bit(error.what()));
     }

@@ -30,6 +30,7 @@
 #include "ServiceManager.h"
 #include "SettingsWatcher.h"
 #include "SignalRelay.h"
+#include "StoredSettings.h"
 #include "core/Saturating.h"
 #include "interfaces/Clock.h"
 #include "platform/FixedServices.h"
@@ -55,6 +56,9 @@ constexpr Time::Microseconds DUE_GUARD{150000};
 constexpr int DEFER_CHECK_MS = 10;
 // Should the record not be requested (the machine paused, say), edits wait no longer.
 constexpr qint64 DEFER_LIMIT_MS = 2000;
+// How often the plans' horizon moves on; each plan keeps an occurrence beyond the horizon,
+// so a minute late costs nothing.
+constexpr int PLAN_TOP_UP_MS = 60000;
 
 class RunSession {
 public:
@@ -77,6 +81,9 @@ private:
     void TellStatus(bool enabled, std::size_t records);
     void Shutdown();
     void CheckIdle();
+    ScheduleState Current();
+    void PostTopUp();
+    void KeepPlansTopped();
 
     QString path;
     RunOptions options;
@@ -87,7 +94,10 @@ private:
     QObject context;  // queued checks die with the session
     EventPrinter printer{stdout};
     DropReporter drops{printer, [this] { return controller && controller->RequestInFlight(); },
-                       [this] { CheckIdle(); }};
+                       [this] {
+                           CheckIdle();
+                           PostTopUp();  // occurrences were consumed or dropped
+                       }};
     std::shared_ptr<App::RetryingSettingsManager> storage;
     std::shared_ptr<QK::SchedulerSettings> settings;
     // The scheduler holds the controller as its gateway, so the controller outlives it.
@@ -109,6 +119,9 @@ private:
     QElapsedTimer deferredSince;
     bool idleCheckPosted = false;
     bool shuttingDown = false;
+    QTimer topUpTimer;
+    bool topUpPosted = false;
+    QString plansFailure;  // the last one reported
 };
 
 RunSession::RunSession(const ScheduleLocation& location, const RunOptions& options,
@@ -190,6 +203,10 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
         });
 
     printer.SchedulerStarted(scheduler->IsEnabled(), scheduler->GetSchedule().size());
+    topUpTimer.setInterval(PLAN_TOP_UP_MS);
+    QObject::connect(&topUpTimer, &QTimer::timeout, [this] { PostTopUp(); });
+    topUpTimer.start();
+    WhenSafe([this] { KeepPlansTopped(); });
     // Ready for systemd now: the scheduler polls if scheduling is on, and edits (`enable`
     // among them) reach this process. With scheduling off, the status says so.
     TellStatus(scheduler->IsEnabled(), scheduler->GetSchedule().size());
@@ -224,7 +241,7 @@ QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
                               QStringLiteral("the running scheduler could not read the request\n"),
                               std::nullopt});
     }
-    const ScheduleState current{scheduler->GetSchedule(), settings->IsSchedulerEnabled()};
+    const ScheduleState current = Current();
     const EditContext editContext{clock.Now(), controller->CurrentRecord()};
     EditOutcome outcome = ApplyEdit(current, *request, editContext);
     if (!outcome.changed) {
@@ -233,7 +250,7 @@ QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
     printer.ScheduleReloaded(outcome.changed->enabled, outcome.changed->schedule.size());
     ApplyState(*outcome.changed);
     TellStatus(scheduler->IsEnabled(), scheduler->GetSchedule().size());
-    if (request->command == CommandName::Add) {
+    if (request->command == CommandName::Add && request->rule.isEmpty()) {
         const QK::RecordTimeList running = scheduler->GetSchedule();
         const bool kept = std::any_of(running.begin(), running.end(), [&](const QK::RecordTime& r) {
             return r.title == request->record.title;
@@ -278,8 +295,48 @@ void RunSession::ApplyState(const ScheduleState& state) {
     if (settings->GetSchedule() != running) {
         settings->SetSchedule(running);
     }
+    WritePlans(*storage, state.plans);
     drops.SetKnown(running);
     CheckIdle();
+}
+
+ScheduleState RunSession::Current() {
+    return {scheduler->GetSchedule(), settings->IsSchedulerEnabled(), ReadPlans(*storage, path)};
+}
+
+// Queued: the scheduler may be in the middle of changing its schedule.
+void RunSession::PostTopUp() {
+    if (topUpPosted || shuttingDown) {
+        return;
+    }
+    topUpPosted = true;
+    QMetaObject::invokeMethod(
+        &context,
+        [this] {
+            topUpPosted = false;
+            WhenSafe([this] { KeepPlansTopped(); });
+        },
+        Qt::QueuedConnection);
+}
+
+void RunSession::KeepPlansTopped() {
+    try {
+        QStringList notes;
+        const auto next = TopUpPlans(Current(), clock.Now(), notes);
+        plansFailure.clear();
+        for (const QString& note : notes) {
+            printer.Line(QStringLiteral("plans: %1").arg(note));
+        }
+        if (next) {
+            ApplyState(*next);
+        }
+    } catch (const std::exception& error) {
+        const QString failure = QString::fromLocal8Bit(error.what());
+        if (failure != plansFailure) {
+            plansFailure = failure;
+            printer.Line(QStringLiteral("plans not kept up: %1").arg(failure));
+        }
+    }
 }
 
 bool RunSession::DueSoon() const {
@@ -337,7 +394,8 @@ void RunSession::OnFileChanged() {
             readFailure.clear();
             return;
         }
-        const ScheduleState stored{settings->GetSchedule(), settings->IsSchedulerEnabled()};
+        const ScheduleState stored{settings->GetSchedule(), settings->IsSchedulerEnabled(),
+                                   ReadPlans(*storage, path)};
         readFailure.clear();
         printer.ScheduleReloaded(stored.enabled, stored.schedule.size());
         ApplyState(stored);

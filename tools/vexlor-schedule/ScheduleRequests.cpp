@@ -6,6 +6,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include "Calendar.h"
 #include "Commands.h"
 #include "Duration.h"
 #include "RecordText.h"
@@ -45,6 +46,72 @@ bool Meets(const QK::RecordTime& a, const QK::RecordTime& b) {
     return single.DoesCaptureTimeIntersected(b);
 }
 
+// Why `record` cannot join `planned`, or nothing.
+QString Conflict(const QK::RecordTimeList& planned, const QK::RecordTime& record, bool allowOverlap,
+                 const EditContext& context) {
+    if (context.recording && context.recording->title == record.title) {
+        return QStringLiteral("the title is taken by %1, which is being recorded now")
+            .arg(DescribeRecord(*context.recording));
+    }
+    for (const QK::RecordTime& existing : planned) {
+        if (existing.title == record.title) {
+            return QStringLiteral("the title is taken by %1").arg(DescribeRecord(existing));
+        }
+    }
+    for (const QK::RecordTime& existing : planned) {
+        // The scheduler keeps one record per start time; the other would vanish unrun.
+        if (existing.startTime == record.startTime) {
+            return QStringLiteral("%1 starts at the same moment as %2; only one of them could run")
+                .arg(DescribeRecord(record), DescribeRecord(existing));
+        }
+    }
+    if (allowOverlap) {
+        return {};
+    }
+    if (context.recording && Meets(*context.recording, record)) {
+        return QStringLiteral(
+                   "%1 overlaps %2, which is being recorded now (use --allow-overlap to "
+                   "keep both)")
+            .arg(DescribeRecord(record), DescribeRecord(*context.recording));
+    }
+    for (const QK::RecordTime& existing : planned) {
+        if (Meets(existing, record)) {
+            return QStringLiteral("%1 overlaps %2 (use --allow-overlap to keep both)")
+                .arg(DescribeRecord(record), DescribeRecord(existing));
+        }
+    }
+    return {};
+}
+
+const Plan* PlanTitled(const PlanBook& book, const QString& title) {
+    for (const Plan& plan : book.plans) {
+        if (plan.title == title) {
+            return &plan;
+        }
+    }
+    return nullptr;
+}
+
+QString OffNote(bool enabled) {
+    return enabled ? QString()
+                   : Line(QStringLiteral("scheduling is off, so it will not run: switch it on with "
+                                         "\"vexlor-schedule enable\" (or add with --enable)"));
+}
+
+// The occurrences of plans not in the schedule yet that could meet `record`.
+QK::RecordTimeList UnplacedNear(const PlanBook& book, const QK::RecordTime& record) {
+    QK::RecordTimeList near;
+    for (const Plan& plan : book.plans) {
+        const Time::TimePoint after =
+            std::max(plan.placedUntil,
+                     Core::SaturatingSub(record.startTime, plan.duration) - Time::Microseconds(1));
+        for (const Time::TimePoint start : Occurrences(plan, after, 2)) {
+            near.push_back(OccurrenceRecord(plan, start));
+        }
+    }
+    return near;
+}
+
 EditOutcome Add(const ScheduleState& state, const EditRequest& request,
                 const EditContext& context) {
     const QK::RecordTime& record = request.record;
@@ -53,57 +120,102 @@ EditOutcome Add(const ScheduleState& state, const EditRequest& request,
     }
     QK::SchedulerHelper helper;
     LoadInto(helper, state.schedule);
-    const QK::RecordTimeList planned = helper.GetPreparedSchedule();
-    if (context.recording && context.recording->title == record.title) {
-        return Refused(QStringLiteral("the title is taken by %1, which is being recorded now")
-                           .arg(DescribeRecord(*context.recording)));
+    if (PlanTitled(state.plans, record.title)) {
+        return Refused(
+            QStringLiteral("the title is taken by the plan %1").arg(QuoteTitle(record.title)));
     }
-    for (const QK::RecordTime& existing : planned) {
-        if (existing.title == record.title) {
-            return Refused(
-                QStringLiteral("the title is taken by %1").arg(DescribeRecord(existing)));
-        }
-    }
-    for (const QK::RecordTime& existing : planned) {
-        // The scheduler keeps one record per start time; the other would vanish unrun.
-        if (existing.startTime == record.startTime) {
-            return Refused(QStringLiteral("%1 starts at the same moment as %2; only one of them "
-                                          "could run")
-                               .arg(DescribeRecord(record), DescribeRecord(existing)));
-        }
-    }
-    if (!request.allowOverlap) {
-        if (context.recording && Meets(*context.recording, record)) {
-            return Refused(QStringLiteral("%1 overlaps %2, which is being recorded now (use "
-                                          "--allow-overlap to keep both)")
-                               .arg(DescribeRecord(record), DescribeRecord(*context.recording)));
-        }
-        for (const QK::RecordTime& existing : planned) {
-            if (Meets(existing, record)) {
-                return Refused(QStringLiteral("%1 overlaps %2 (use --allow-overlap to keep both)")
-                                   .arg(DescribeRecord(record), DescribeRecord(existing)));
-            }
-        }
+    QK::RecordTimeList planned = helper.GetPreparedSchedule();
+    const QK::RecordTimeList near = UnplacedNear(state.plans, record);
+    planned.insert(planned.end(), near.begin(), near.end());
+    const QString conflict = Conflict(planned, record, request.allowOverlap, context);
+    if (!conflict.isEmpty()) {
+        return Refused(conflict);
     }
     if (helper.AddRecord(record) < 0) {
         return Refused(QStringLiteral("%1 is already over").arg(DescribeRecord(record)));
     }
     EditOutcome outcome;
-    outcome.changed = ScheduleState{helper.GetPreparedSchedule(), state.enabled || request.enable};
+    outcome.changed =
+        ScheduleState{helper.GetPreparedSchedule(), state.enabled || request.enable, state.plans};
     outcome.out = Line(QStringLiteral("added %1").arg(DescribeRecord(record)));
     if (record.startTime < context.now) {
         outcome.out +=
             Line(QStringLiteral("it has begun: it is recorded from now to its planned end"));
     }
-    if (!outcome.changed->enabled) {
-        outcome.out += Line(QStringLiteral(
-            "scheduling is off, so it will not run: switch it on with \"vexlor-schedule enable\" "
-            "(or add with --enable)"));
+    outcome.out += OffNote(outcome.changed->enabled);
+    return outcome;
+}
+
+// A plan is checked by its occurrences within the horizon, as each would be by `add`.
+EditOutcome AddPlan(const ScheduleState& state, const EditRequest& request,
+                    const EditContext& context) {
+    QString error;
+    const auto rule = ParseRule(request.rule, error);
+    if (!rule) {
+        return Refused(error);
     }
+    const QString& title = request.record.title;
+    if (PlanTitled(state.plans, title)) {
+        return Refused(QStringLiteral("the title is taken by the plan %1").arg(QuoteTitle(title)));
+    }
+    Plan plan;
+    plan.title = title;
+    plan.rule = *rule;
+    plan.start = request.wallStart;
+    plan.duration = request.record.duration;
+    plan.tag = request.record.tag;
+    plan.mode = static_cast<int>(request.record.mode);
+    const TopUpResult alone = TopUp({}, PlanBook{{plan}, {}}, context.now);
+    if (alone.added.empty()) {
+        return Refused(QStringLiteral("the plan %1 (%2) has no recording from now on")
+                           .arg(QuoteTitle(title), plan.rule));
+    }
+    QK::SchedulerHelper helper;
+    LoadInto(helper, state.schedule);
+    for (const QK::RecordTime& record : state.schedule) {
+        if (record.title == title) {
+            return Refused(QStringLiteral("the title is taken by %1").arg(DescribeRecord(record)));
+        }
+    }
+    for (const QK::RecordTime& occurrence : alone.added) {
+        const QString conflict =
+            Conflict(helper.GetPreparedSchedule(), occurrence, request.allowOverlap, context);
+        if (!conflict.isEmpty()) {
+            return Refused(conflict);
+        }
+        helper.AddRecord(occurrence);
+    }
+    EditOutcome outcome;
+    PlanBook book = state.plans;
+    book.plans.push_back(alone.book.plans.front());
+    outcome.changed =
+        ScheduleState{helper.GetPreparedSchedule(), state.enabled || request.enable, book};
+    outcome.out = Line(QStringLiteral("added the plan %1 (%2), in the schedule: %3, the first %4")
+                           .arg(QuoteTitle(title), plan.rule)
+                           .arg(alone.added.size())
+                           .arg(DescribeRecord(alone.added.front())));
+    outcome.out += OffNote(outcome.changed->enabled);
     return outcome;
 }
 
 EditOutcome Remove(const ScheduleState& state, const QString& title) {
+    if (const Plan* plan = PlanTitled(state.plans, title)) {
+        ScheduleState changed = state;
+        auto& schedule = changed.schedule;
+        const auto removed = std::remove_if(
+            schedule.begin(), schedule.end(),
+            [plan](const QK::RecordTime& record) { return IsOccurrenceOf(*plan, record.title); });
+        const long count = static_cast<long>(schedule.end() - removed);
+        schedule.erase(removed, schedule.end());
+        changed.plans.plans.erase(changed.plans.plans.begin() + (plan - state.plans.plans.data()));
+        EditOutcome outcome;
+        outcome.changed = changed;
+        outcome.out =
+            Line(QStringLiteral("removed the plan %1 and its %2 recordings in the schedule")
+                     .arg(QuoteTitle(title))
+                     .arg(count));
+        return outcome;
+    }
     QK::SchedulerHelper helper;
     LoadInto(helper, state.schedule);
     if (!helper.DoesTitleAlreadyExists(title)) {
@@ -111,8 +223,62 @@ EditOutcome Remove(const ScheduleState& state, const QString& title) {
     }
     helper.RemoveRecord(title);
     EditOutcome outcome;
-    outcome.changed = ScheduleState{helper.GetPreparedSchedule(), state.enabled};
+    outcome.changed = ScheduleState{helper.GetPreparedSchedule(), state.enabled, state.plans};
     outcome.out = Line(QStringLiteral("removed %1").arg(QuoteTitle(title)));
+    return outcome;
+}
+
+EditOutcome List(const ScheduleState& state) {
+    EditOutcome outcome;
+    for (const QK::RecordTime& record : state.schedule) {
+        outcome.out += Line(FormatRecordLine(record));
+    }
+    for (const Plan& plan : state.plans.plans) {
+        const auto next = NextOccurrence(plan, state.schedule);
+        outcome.out +=
+            Line(QStringLiteral("plan %1  %2  %3  next %4")
+                     .arg(QuoteTitle(plan.title), plan.rule, FormatDuration(plan.duration),
+                          next ? FormatLocalTime(*next) : QStringLiteral("none")));
+    }
+    return outcome;
+}
+
+EditOutcome Upcoming(const ScheduleState& state, const EditRequest& request,
+                     const EditContext& context) {
+    const std::size_t count = static_cast<std::size_t>(std::max(request.count, 0));
+    QK::RecordTimeList coming = state.schedule;
+    for (const Plan& plan : state.plans.plans) {
+        const Time::TimePoint after =
+            std::max(plan.placedUntil, context.now - Time::Microseconds(1));
+        for (const Time::TimePoint start : Occurrences(plan, after, count)) {
+            coming.push_back(OccurrenceRecord(plan, start));
+        }
+    }
+    std::stable_sort(
+        coming.begin(), coming.end(),
+        [](const QK::RecordTime& a, const QK::RecordTime& b) { return a.startTime < b.startTime; });
+    EditOutcome outcome;
+    for (std::size_t i = 0; i < std::min(count, coming.size()); ++i) {
+        outcome.out += Line(FormatRecordLine(coming[i]));
+    }
+    return outcome;
+}
+
+EditOutcome Import(const ScheduleState& state, const EditRequest& request,
+                   const EditContext& context) {
+    const ImportResult result =
+        ImportCalendar(state.schedule, state.plans, request.calendar, request.source, context.now);
+    if (!result.error.isEmpty()) {
+        return Refused(
+            QStringLiteral("%1: %2; nothing was imported").arg(request.source, result.error));
+    }
+    EditOutcome outcome;
+    for (const QString& line : result.lines) {
+        outcome.out += Line(line);
+    }
+    if (result.changed) {
+        outcome.changed = ScheduleState{result.schedule, state.enabled, result.book};
+    }
     return outcome;
 }
 
@@ -125,6 +291,16 @@ EditOutcome Status(const ScheduleState& state, const EditContext& context) {
         outcome.out +=
             Line(QStringLiteral("recording now: %1").arg(DescribeRecord(*context.recording)));
     }
+    int fromPlans = 0;
+    for (const QK::RecordTime& record : state.schedule) {
+        fromPlans +=
+            std::any_of(state.plans.plans.begin(), state.plans.plans.end(),
+                        [&record](const Plan& p) { return IsOccurrenceOf(p, record.title); });
+    }
+    outcome.out += Line(QStringLiteral("planned: %1 recordings (%2 of them from plans), %3 plans")
+                            .arg(state.schedule.size())
+                            .arg(fromPlans)
+                            .arg(state.plans.plans.size()));
     const QK::RecordTime* next = nullptr;
     for (const QK::RecordTime& record : state.schedule) {
         if (record.startTime >= context.now && (!next || record.startTime < next->startTime)) {
@@ -183,17 +359,33 @@ EditRequest MakeEditRequest(const Invocation& invocation, Time::TimePoint now) {
         request.record.mode = static_cast<QK::RecordMode>(add.mode);
         request.allowOverlap = add.allowOverlap;
         request.enable = add.enable;
+        if (add.repeat) {
+            request.rule = *add.repeat;
+            // Whole seconds on the local clock, not before the moment asked for.
+            request.wallStart = add.at ? add.atWall
+                                       : WallTimeAt(Core::SaturatingAdd(request.record.startTime,
+                                                                        Time::Microseconds(999999)),
+                                                    QString());
+        }
     }
     request.title = invocation.removeTitle;
+    request.count = invocation.count;
     return request;
 }
 
 QByteArray EncodeRequest(const EditRequest& request) {
-    const QJsonObject json{{QStringLiteral("command"), static_cast<int>(request.command)},
-                           {QStringLiteral("record"), RecordToJson(request.record)},
-                           {QStringLiteral("allowOverlap"), request.allowOverlap},
-                           {QStringLiteral("enable"), request.enable},
-                           {QStringLiteral("title"), request.title}};
+    const QJsonObject json{
+        {QStringLiteral("command"), static_cast<int>(request.command)},
+        {QStringLiteral("record"), RecordToJson(request.record)},
+        {QStringLiteral("allowOverlap"), request.allowOverlap},
+        {QStringLiteral("enable"), request.enable},
+        {QStringLiteral("title"), request.title},
+        {QStringLiteral("rule"), request.rule},
+        {QStringLiteral("wallStart"),
+         request.wallStart.toString(QStringLiteral("yyyy-MM-ddTHH:mm:ss"))},
+        {QStringLiteral("calendar"), QString::fromLatin1(request.calendar.toBase64())},
+        {QStringLiteral("source"), request.source},
+        {QStringLiteral("count"), request.count}};
     return QJsonDocument(json).toJson(QJsonDocument::Compact);
 }
 
@@ -205,7 +397,9 @@ std::optional<EditRequest> DecodeRequest(const QByteArray& bytes) {
     const QJsonObject json = document.object();
     const int command = json.value(QStringLiteral("command")).toInt(-1);
     if (command < static_cast<int>(CommandName::Add) ||
-        command > static_cast<int>(CommandName::Status)) {
+        command > static_cast<int>(CommandName::Upcoming) ||
+        command == static_cast<int>(CommandName::Run) ||
+        command == static_cast<int>(CommandName::Help)) {
         return std::nullopt;
     }
     const auto record = RecordFromJson(json.value(QStringLiteral("record")).toObject());
@@ -218,6 +412,12 @@ std::optional<EditRequest> DecodeRequest(const QByteArray& bytes) {
     request.allowOverlap = json.value(QStringLiteral("allowOverlap")).toBool();
     request.enable = json.value(QStringLiteral("enable")).toBool();
     request.title = json.value(QStringLiteral("title")).toString();
+    request.rule = json.value(QStringLiteral("rule")).toString();
+    request.wallStart = WallFromText(json.value(QStringLiteral("wallStart")).toString());
+    request.calendar =
+        QByteArray::fromBase64(json.value(QStringLiteral("calendar")).toString().toLatin1());
+    request.source = json.value(QStringLiteral("source")).toString();
+    request.count = json.value(QStringLiteral("count")).toInt(10);
     return request;
 }
 
@@ -245,31 +445,47 @@ EditOutcome ApplyEdit(const ScheduleState& state, const EditRequest& request,
                       const EditContext& context) {
     switch (request.command) {
         case CommandName::Add:
-            return Add(state, request, context);
+            return request.rule.isEmpty() ? Add(state, request, context)
+                                          : AddPlan(state, request, context);
         case CommandName::Remove:
             return Remove(state, request.title);
         case CommandName::Clear:
-            return {EXIT_DONE, {}, {}, ScheduleState{{}, state.enabled}};
+            return {EXIT_DONE, {}, {}, ScheduleState{{}, state.enabled, {}}};
         case CommandName::Enable:
         case CommandName::Disable:
-            return {EXIT_DONE,
-                    {},
-                    {},
-                    ScheduleState{state.schedule, request.command == CommandName::Enable}};
-        case CommandName::List: {
-            EditOutcome outcome;
-            for (const QK::RecordTime& record : state.schedule) {
-                outcome.out += Line(FormatRecordLine(record));
-            }
-            return outcome;
-        }
+            return {
+                EXIT_DONE,
+                {},
+                {},
+                ScheduleState{state.schedule, request.command == CommandName::Enable, state.plans}};
+        case CommandName::List:
+            return List(state);
         case CommandName::Status:
             return Status(state, context);
+        case CommandName::Import:
+            return Import(state, request, context);
+        case CommandName::Export:
+            return {EXIT_DONE, WriteCalendar(state.schedule, state.plans), {}, std::nullopt};
+        case CommandName::Upcoming:
+            return Upcoming(state, request, context);
         case CommandName::Run:
         case CommandName::Help:
             break;
     }
     return Refused(QStringLiteral("not an editing command"));
+}
+
+std::optional<ScheduleState> TopUpPlans(const ScheduleState& state, Time::TimePoint now,
+                                        QStringList& notes) {
+    if (state.plans.plans.empty()) {
+        return std::nullopt;
+    }
+    TopUpResult result = TopUp(state.schedule, state.plans, now);
+    notes = result.notes;
+    if (!result.changed) {
+        return std::nullopt;
+    }
+    return ScheduleState{std::move(result.schedule), state.enabled, std::move(result.book)};
 }
 
 QK::RecordTimeList CatchUp(QK::RecordTimeList schedule, Time::TimePoint now,

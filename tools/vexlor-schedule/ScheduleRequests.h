@@ -7,6 +7,7 @@
 
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Plans.h"
 #include "interfaces/RecordTime.h"
 
 namespace Vexlor::ScheduleTool {
@@ -19,6 +20,11 @@ struct EditRequest {
     bool allowOverlap = false;
     bool enable = false;  // add --enable
     QString title;        // remove
+    QString rule;         // add --repeat, as given
+    QDateTime wallStart;  // add --repeat: the first start as the local clock shows it
+    QByteArray calendar;  // import: the file's bytes
+    QString source;       // import: the file
+    int count = 10;       // upcoming
 };
 
 EditRequest MakeEditRequest(const Invocation& invocation, Time::TimePoint now);
@@ -30,6 +36,7 @@ std::optional<EditRequest> DecodeRequest(const QByteArray& bytes);
 struct ScheduleState {
     QK::RecordTimeList schedule;
     bool enabled = false;
+    PlanBook plans{};
 };
 
 struct EditContext {
@@ -51,6 +58,11 @@ std::optional<EditOutcome> DecodeOutcome(const QByteArray& bytes);
 // A refusal leaves `changed` empty.
 EditOutcome ApplyEdit(const ScheduleState& state, const EditRequest& request,
                       const EditContext& context);
+
+// Puts the plans' next occurrences into the schedule (see TopUp); nothing when nothing is
+// to be added or changed.
+std::optional<ScheduleState> TopUpPlans(const ScheduleState& state, Time::TimePoint now,
+                                        QStringList& notes);
 
 // The scheduler takes only records that start now or later. A record that has begun and
 // not ended (or has no planned end) would be dropped unrun, so it is moved to start at

@@ -12,6 +12,7 @@ namespace {
 // Where the settings object keeps the schedule; a schedule that does not decode can only be
 // replaced below it.
 const std::string SCHEDULE_KEY = "QK/Scheduler/schedule";
+const std::string PLANS_KEY = "Runner/plans";
 
 }  // namespace
 
@@ -22,6 +23,7 @@ StoredSettings ReadStoredSettings(const QString& path) {
     stored.enabled = settings.IsSchedulerEnabled();
     try {
         stored.schedule = settings.GetSchedule();
+        stored.plans = ReadPlans(*manager, path);
     } catch (const std::logic_error& error) {  // the decoder's; file errors are runtime errors
         throw UnreadableSchedule("the schedule stored in " + path.toStdString() +
                                  " is unreadable (" + error.what() +
@@ -41,6 +43,32 @@ void WriteStoredSettings(const QString& path, const StoredSettings& wanted) {
         settings.SetSchedule(wanted.schedule);
     }
     settings.SetSchedulerEnabled(wanted.enabled);
+    WritePlans(*manager, wanted.plans);
+}
+
+PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path) {
+    const std::vector<unsigned char> bytes = manager.getByteArray(PLANS_KEY, {});
+    const auto plans = DecodePlans(
+        QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
+    if (!plans) {
+        throw UnreadableSchedule("the plans stored in " + path.toStdString() +
+                                 " are unreadable; \"vexlor-schedule clear\" replaces them");
+    }
+    return *plans;
+}
+
+void WritePlans(App::ISettingsManager& manager, const PlanBook& plans) {
+    const std::vector<unsigned char> old = manager.getByteArray(PLANS_KEY, {});
+    const QByteArray encoded = plans.empty() ? QByteArray() : EncodePlans(plans);
+    if (QByteArray(reinterpret_cast<const char*>(old.data()), static_cast<int>(old.size())) ==
+        encoded) {
+        return;
+    }
+    if (encoded.isEmpty()) {
+        manager.remove(PLANS_KEY);
+    } else {
+        manager.setByteArray(PLANS_KEY, std::vector<unsigned char>(encoded.begin(), encoded.end()));
+    }
 }
 
 }  // namespace Vexlor::ScheduleTool

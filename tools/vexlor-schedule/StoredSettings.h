@@ -4,13 +4,16 @@
 
 #include <QString>
 
+#include "Plans.h"
 #include "interfaces/RecordTime.h"
+#include "interfaces/SettingsManager.h"
 
 namespace Vexlor::ScheduleTool {
 
 struct StoredSettings {
     QK::RecordTimeList schedule;
     bool enabled = false;
+    PlanBook plans{};
 };
 
 // The stored schedule is there but is not a schedule (a hand edit gone wrong).
@@ -26,5 +29,10 @@ StoredSettings ReadStoredSettings(const QString& path);
 
 // Writes what differs from the file.
 void WriteStoredSettings(const QString& path, const StoredSettings& settings);
+
+// The runner's plans, kept beside the library's keys in the same settings. Reading throws
+// UnreadableSchedule for a value that does not decode; writing writes only what differs.
+PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path);
+void WritePlans(App::ISettingsManager& manager, const PlanBook& plans);
 
 }  // namespace Vexlor::ScheduleTool

@@ -1,0 +1,376 @@
+#include <gtest/gtest.h>
+
+#include <time.h>
+
+#include <QTimeZone>
+
+#include "Calendar.h"
+#include "Commands.h"
+#include "Plans.h"
+#include "RunnerHarness.h"
+#include "ScheduleRequests.h"
+
+// Plans, their occurrences and calendars, on states held in memory.
+namespace Vexlor::ScheduleTool {
+namespace {
+
+using Time::Microseconds;
+using Time::TimePoint;
+constexpr long long SECOND = 1000000;
+
+TimePoint At(const char* iso) {
+    return TimePoint(Microseconds(
+        QDateTime::fromString(QString::fromLatin1(iso), Qt::ISODate).toSecsSinceEpoch() * SECOND));
+}
+
+// Sets TZ for one test and puts the old value back.
+class ZoneGuard {
+public:
+    explicit ZoneGuard(const char* zone)
+        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
+        qputenv("TZ", zone);
+        ::tzset();
+    }
+    ~ZoneGuard() {
+        had ? qputenv("TZ", old) : qunsetenv("TZ");
+        ::tzset();
+    }
+
+private:
+    bool had;
+    QByteArray old;
+};
+
+Plan PlanOf(const char* rule, const char* start, const char* zone = "") {
+    Plan plan;
+    plan.title = QStringLiteral("Show");
+    QString error;
+    plan.rule = ParseRule(QString::fromLatin1(rule), error).value_or(QString());
+    EXPECT_FALSE(plan.rule.isEmpty()) << error.toStdString();
+    plan.start = WallFromText(QString::fromLatin1(start));
+    plan.zone = QString::fromLatin1(zone);
+    return plan;
+}
+
+// Each row's occurrences are printed on the clock of `zone`, with its offset; `tz` is the
+// process's TZ, which a plan without a zone follows.
+struct ExpansionRow {
+    const char* name;
+    const char* tz;
+    const char* zone;
+    const char* rule;
+    const char* start;
+    std::vector<const char*> exceptions;
+    std::vector<const char*> expected;  // all of them, or the first ones of an endless rule
+};
+
+void PrintTo(const ExpansionRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class ExpansionTest : public testing::TestWithParam<ExpansionRow> {};
+
+TEST_P(ExpansionTest, GivesTheOccurrencesOnTheWallClock) {
+    const ExpansionRow& row = GetParam();
+    ZoneGuard tz(row.tz);
+    Plan plan = PlanOf(row.rule, row.start, row.zone);
+    for (const char* exception : row.exceptions) {
+        plan.exceptions << WallFromText(QString::fromLatin1(exception));
+    }
+    const QTimeZone shownIn(*row.zone ? row.zone : row.tz);
+    QStringList got;
+    for (const TimePoint start : Occurrences(plan, At("1970-01-02T00:00:00Z"), 12)) {
+        got << QDateTime::fromSecsSinceEpoch(start.time_since_epoch().count() / SECOND, shownIn)
+                   .toString(Qt::ISODate);
+    }
+    QStringList expected;
+    for (const char* text : row.expected) {
+        expected << QString::fromLatin1(text);
+    }
+    EXPECT_EQ(got.mid(0, expected.size()), expected);
+}
+
+const char* NY = "America/New_York";
+
+// The first rows are examples of RFC 5545 section 3.8.5.3 (DTSTART in America/New_York).
+INSTANTIATE_TEST_SUITE_P(
+    Rows, ExpansionTest,
+    testing::Values(ExpansionRow{"DailyForTenOccurrences",
+                                 "UTC",
+                                 NY,
+                                 "FREQ=DAILY;COUNT=10",
+                                 "1997-09-02T09:00:00",
+                                 {},
+                                 {"1997-09-02T09:00:00-04:00", "1997-09-03T09:00:00-04:00",
+                                  "1997-09-04T09:00:00-04:00", "1997-09-05T09:00:00-04:00",
+                                  "1997-09-06T09:00:00-04:00", "1997-09-07T09:00:00-04:00",
+                                  "1997-09-08T09:00:00-04:00", "1997-09-09T09:00:00-04:00",
+                                  "1997-09-10T09:00:00-04:00", "1997-09-11T09:00:00-04:00"}},
+                    // UNTIL is an instant in UTC: 20:00 on the 6th in New York.
+                    ExpansionRow{"WeeklyOnTuesdayAndThursdayUntil",
+                                 "UTC",
+                                 NY,
+                                 "FREQ=WEEKLY;UNTIL=19971007T000000Z;WKST=SU;BYDAY=TU,TH",
+                                 "1997-09-02T09:00:00",
+                                 {},
+                                 {"1997-09-02T09:00:00-04:00", "1997-09-04T09:00:00-04:00",
+                                  "1997-09-09T09:00:00-04:00", "1997-09-11T09:00:00-04:00",
+                                  "1997-09-16T09:00:00-04:00", "1997-09-18T09:00:00-04:00",
+                                  "1997-09-23T09:00:00-04:00", "1997-09-25T09:00:00-04:00",
+                                  "1997-09-30T09:00:00-04:00", "1997-10-02T09:00:00-04:00"}},
+                    ExpansionRow{"MonthlyOnTheFirstFridayAcrossBothChanges",
+                                 "UTC",
+                                 NY,
+                                 "FREQ=MONTHLY;COUNT=10;BYDAY=1FR",
+                                 "1997-09-05T09:00:00",
+                                 {},
+                                 {"1997-09-05T09:00:00-04:00", "1997-10-03T09:00:00-04:00",
+                                  "1997-11-07T09:00:00-05:00", "1997-12-05T09:00:00-05:00",
+                                  "1998-01-02T09:00:00-05:00", "1998-02-06T09:00:00-05:00",
+                                  "1998-03-06T09:00:00-05:00", "1998-04-03T09:00:00-05:00",
+                                  "1998-05-01T09:00:00-04:00", "1998-06-05T09:00:00-04:00"}},
+                    ExpansionRow{"EveryOtherWeekWithTheWeekStartingOnSunday",
+                                 "UTC",
+                                 NY,
+                                 "FREQ=WEEKLY;INTERVAL=2;COUNT=4;BYDAY=TU,SU;WKST=SU",
+                                 "1997-08-05T09:00:00",
+                                 {},
+                                 {"1997-08-05T09:00:00-04:00", "1997-08-17T09:00:00-04:00",
+                                  "1997-08-19T09:00:00-04:00", "1997-08-31T09:00:00-04:00"}},
+                    ExpansionRow{"FridayThe13thWithTheStartExcluded",
+                                 "UTC",
+                                 NY,
+                                 "FREQ=MONTHLY;BYDAY=FR;BYMONTHDAY=13",
+                                 "1997-09-02T09:00:00",
+                                 {"1997-09-02T09:00:00"},
+                                 {"1998-02-13T09:00:00-05:00", "1998-03-13T09:00:00-05:00",
+                                  "1998-11-13T09:00:00-05:00", "1999-08-13T09:00:00-04:00",
+                                  "2000-10-13T09:00:00-04:00"}},
+                    ExpansionRow{"InvalidDatesAreIgnored",
+                                 "UTC",
+                                 NY,
+                                 "FREQ=MONTHLY;BYMONTHDAY=15,30;COUNT=5",
+                                 "2007-01-15T09:00:00",
+                                 {},
+                                 {"2007-01-15T09:00:00-05:00", "2007-01-30T09:00:00-05:00",
+                                  "2007-02-15T09:00:00-05:00", "2007-03-15T09:00:00-04:00",
+                                  "2007-03-30T09:00:00-04:00"}},
+                    // Local time, both changes of 2027. In the gap the offset before it holds
+                    // (02:30 is 03:30 summer time); in the fold the first of the two is taken.
+                    ExpansionRow{"BerlinWeeklyStaysAtTenInSpring",
+                                 "Europe/Berlin",
+                                 "",
+                                 "weekly",
+                                 "2027-03-22T10:00:00",
+                                 {},
+                                 {"2027-03-22T10:00:00+01:00", "2027-03-29T10:00:00+02:00"}},
+                    ExpansionRow{"BerlinDailyThroughTheGap",
+                                 "Europe/Berlin",
+                                 "",
+                                 "FREQ=DAILY;COUNT=3",
+                                 "2027-03-27T02:30:00",
+                                 {},
+                                 {"2027-03-27T02:30:00+01:00", "2027-03-28T03:30:00+02:00",
+                                  "2027-03-29T02:30:00+02:00"}},
+                    ExpansionRow{"BerlinFallBackTakesTheFirst",
+                                 "Europe/Berlin",
+                                 "",
+                                 "FREQ=DAILY;COUNT=3",
+                                 "2027-10-30T02:30:00",
+                                 {},
+                                 {"2027-10-30T02:30:00+02:00", "2027-10-31T02:30:00+02:00",
+                                  "2027-11-01T02:30:00+01:00"}},
+                    ExpansionRow{"NewYorkInTheGap",
+                                 "America/New_York",
+                                 "",
+                                 "daily",
+                                 "2027-03-13T02:30:00",
+                                 {},
+                                 {"2027-03-13T02:30:00-05:00", "2027-03-14T03:30:00-04:00",
+                                  "2027-03-15T02:30:00-04:00"}},
+                    ExpansionRow{"NewYorkSundayInTheFold",
+                                 "America/New_York",
+                                 "",
+                                 "FREQ=WEEKLY;BYDAY=SU;COUNT=2",
+                                 "2027-11-07T01:30:00",
+                                 {},
+                                 {"2027-11-07T01:30:00-04:00", "2027-11-14T01:30:00-05:00"}}),
+    [](const testing::TestParamInfo<ExpansionRow>& info) { return std::string(info.param.name); });
+
+// A daily plan at 10:00 UTC, looked at on the 1st at 09:00.
+TEST(TopUpTest, KeepsTheHorizonAndTheNextOneAndNeverPutsBackWhatLeft) {
+    ZoneGuard tz("UTC");
+    PlanBook book{{PlanOf("daily", "2030-01-01T10:00:00")}, {}};
+    const TopUpResult first = TopUp({}, book, At("2030-01-01T09:00:00Z"));
+    // Seven days ahead hold the 1st to the 7th; the 8th is the first after the horizon.
+    ASSERT_EQ(first.schedule.size(), 8u);
+    EXPECT_EQ(first.schedule.front().title, "Show (2030-01-01 10:00)");
+    EXPECT_EQ(first.schedule.back().title, "Show (2030-01-08 10:00)");
+    EXPECT_FALSE(TopUp(first.schedule, first.book, At("2030-01-01T09:00:00Z")).changed);
+
+    // The 1st ran and the 2nd was removed; a day later the horizon takes in the 9th.
+    QK::RecordTimeList left(first.schedule.begin() + 2, first.schedule.end());
+    const TopUpResult later = TopUp(left, first.book, At("2030-01-02T09:00:00Z"));
+    ASSERT_EQ(later.added.size(), 1u);
+    EXPECT_EQ(later.added.front().title, "Show (2030-01-09 10:00)");
+    EXPECT_EQ(later.added.front().startTime, At("2030-01-09T10:00:00Z"));
+}
+
+EditRequest PlanRequest(const char* title, const char* rule, const char* start, bool allowOverlap) {
+    EditRequest request;
+    request.command = CommandName::Add;
+    request.record.title = QString::fromLatin1(title);
+    request.record.duration = Microseconds(1800 * SECOND);
+    request.rule = QString::fromLatin1(rule);
+    request.wallStart = WallFromText(QString::fromLatin1(start));
+    request.allowOverlap = allowOverlap;
+    return request;
+}
+
+// "Talk" is planned on Thursday 2030-01-03 at 10:15 for 30 min.
+TEST(AddPlanTest, ChecksEveryOccurrenceWithinTheHorizon) {
+    ZoneGuard tz("UTC");
+    QK::RecordTime talk{QStringLiteral("Talk"), At("2030-01-03T10:15:00Z"),
+                        Microseconds(1800 * SECOND)};
+    const ScheduleState state{{talk}, true};
+    const EditContext context{At("2030-01-01T00:00:00Z"), std::nullopt};
+
+    const EditOutcome refused =
+        ApplyEdit(state, PlanRequest("Standup", "weekdays", "2030-01-01T10:00:00", false), context);
+    EXPECT_EQ(refused.exitCode, EXIT_REFUSED);
+    EXPECT_NE(refused.err.indexOf("\"Standup (2030-01-03 10:00)\""), -1)
+        << refused.err.toStdString();
+    EXPECT_NE(refused.err.indexOf("overlaps \"Talk\""), -1) << refused.err.toStdString();
+    EXPECT_FALSE(refused.changed);
+
+    const EditOutcome added =
+        ApplyEdit(state, PlanRequest("Standup", "weekdays", "2030-01-01T10:00:00", true), context);
+    ASSERT_TRUE(added.changed) << added.err.toStdString();
+    EXPECT_EQ(added.changed->plans.plans.size(), 1u);
+    EXPECT_EQ(added.changed->schedule.size(), 7u);  // five weekdays, the next Monday, "Talk"
+
+    EditRequest remove;
+    remove.command = CommandName::Remove;
+    remove.title = QStringLiteral("Standup");
+    const EditOutcome removed = ApplyEdit(*added.changed, remove, context);
+    ASSERT_TRUE(removed.changed);
+    EXPECT_EQ(removed.changed->schedule, QK::RecordTimeList{talk});
+    EXPECT_TRUE(removed.changed->plans.empty());
+}
+
+// A weekly meeting without its second Monday, a one-off talk and an all-day event.
+const char CALENDAR[] =
+    "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Test//EN\r\n"
+    "BEGIN:VEVENT\r\nUID:meeting\r\nDTSTAMP:20300101T000000Z\r\nSUMMARY:Meeting\r\n"
+    "DTSTART;TZID=Europe/Berlin:20300107T100000\r\nDURATION:PT45M\r\n"
+    "RRULE:FREQ=WEEKLY;BYDAY=MO\r\nEXDATE;TZID=Europe/Berlin:20300114T100000\r\n"
+    "LOCATION:Room 1\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:talk\r\nSUMMARY:Talk\r\nDTSTART:20300109T150000Z\r\n"
+    "DTEND:20300109T160000Z\r\nEND:VEVENT\r\n"
+    "BEGIN:VEVENT\r\nUID:holiday\r\nSUMMARY:Holiday\r\nDTSTART;VALUE=DATE:20300101\r\n"
+    "END:VEVENT\r\nEND:VCALENDAR\r\n";
+
+QStringList Titles(const QK::RecordTimeList& schedule) {
+    QStringList titles;
+    for (const QK::RecordTime& record : schedule) {
+        titles << record.title;
+    }
+    return titles;
+}
+
+TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
+    const QString source = QStringLiteral("/cal.ics");
+    const TimePoint now = At("2030-01-06T00:00:00Z");
+    const ImportResult first = ImportCalendar({}, {}, CALENDAR, source, now);
+    ASSERT_TRUE(first.error.isEmpty()) << first.error.toStdString();
+    const QString report = first.lines.join('\n');
+    EXPECT_NE(report.indexOf("2 added"), -1) << report.toStdString();
+    EXPECT_NE(report.indexOf("Holiday\"): it has no time of day"), -1) << report.toStdString();
+    EXPECT_NE(report.indexOf("left out LOCATION"), -1) << report.toStdString();
+    // 10:00 in Berlin; the 14th is excepted, the 21st is the first after the horizon.
+    EXPECT_EQ(Titles(first.schedule),
+              QStringList({"Meeting (2030-01-07 10:00)", "Talk", "Meeting (2030-01-21 10:00)"}));
+    EXPECT_EQ(first.schedule.front().startTime, At("2030-01-07T09:00:00Z"));
+    EXPECT_EQ(first.schedule.front().duration, Microseconds(2700 * SECOND));
+
+    EXPECT_FALSE(ImportCalendar(first.schedule, first.book, CALENDAR, source, now).changed);
+
+    // The talk moves, the meeting is gone, a review is new.
+    QByteArray updated = CALENDAR;
+    const int meeting = updated.indexOf("BEGIN:VEVENT\r\nUID:meeting");
+    updated.remove(meeting, updated.indexOf("BEGIN:VEVENT\r\nUID:talk") - meeting);
+    updated.replace("20300109T150000Z", "20300110T150000Z")
+        .replace("20300109T160000Z", "20300110T160000Z")
+        .replace("END:VCALENDAR",
+                 "BEGIN:VEVENT\r\nUID:review\r\nSUMMARY:Review\r\n"
+                 "DTSTART:20300111T090000Z\r\nDURATION:PT1H\r\nEND:VEVENT\r\n"
+                 "END:VCALENDAR");
+    const ImportResult second = ImportCalendar(first.schedule, first.book, updated, source, now);
+    EXPECT_EQ(Titles(second.schedule), QStringList({"Talk", "Review"}));
+    EXPECT_EQ(second.schedule.front().startTime, At("2030-01-10T15:00:00Z"));
+    EXPECT_TRUE(second.book.plans.empty());
+    EXPECT_NE(second.lines.front().indexOf("1 added, 1 updated, 1 removed"), -1);
+}
+
+TEST(ImportTest, RefusesAMalformedFileNamingTheLine) {
+    const QByteArray cases[] = {
+        "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nthis is no property\r\nEND:VEVENT\r\n"
+        "END:VCALENDAR\r\n",
+        "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nSUMMARY:A\r\nDTSTART:2030\r\nEND:VEVENT\r\n"
+        "END:VCALENDAR\r\n"};
+    const char* lines[] = {"line 4", "line 5"};
+    for (int i = 0; i < 2; ++i) {
+        const ImportResult result = ImportCalendar({}, {}, cases[i], "/bad.ics", TimePoint());
+        EXPECT_NE(result.error.indexOf(lines[i]), -1) << result.error.toStdString();
+        EXPECT_FALSE(result.changed);
+    }
+}
+
+}  // namespace
+}  // namespace Vexlor::ScheduleTool
+
+// The built program on a settings file of its own.
+namespace {
+
+using Vexlor::Testing::Outcome;
+using Vexlor::Testing::RunnerTest;
+
+TEST_F(RunnerTest, APlanEveryTwoSecondsRunsItsThreeRecordingsInOrder) {
+    Add({"Tick", "--in", "2s", "--for", "1s", "--repeat", "FREQ=SECONDLY;INTERVAL=2;COUNT=3",
+         "--enable"});
+    const Outcome run =
+        Run({"run", "--until-empty", "--exec", "printf '%s\\n' \"$VEXLOR_TITLE\" >> ran.txt"});
+    ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    const QStringList ran = QString::fromUtf8(ReadFile("ran.txt")).split('\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(ran.size(), 3) << run.out.toStdString();
+    // Distinct, and in order: the titles carry the times.
+    EXPECT_LT(ran[0], ran[1]);
+    EXPECT_LT(ran[1], ran[2]);
+    EXPECT_TRUE(ran[0].startsWith("Tick (")) << ran[0].toStdString();
+    EXPECT_EQ(Run({"list"}).out, QString());
+}
+
+TEST_F(RunnerTest, ImportingAgainOrAMalformedFileLeavesTheSettingsAsTheyWere) {
+    QFile calendar(FilePath("cal.ics"));
+    ASSERT_TRUE(calendar.open(QIODevice::WriteOnly));
+    calendar.write(Vexlor::ScheduleTool::CALENDAR);
+    calendar.close();
+    ASSERT_EQ(Run({"import", FilePath("cal.ics")}).exitCode, 0);
+    const QByteArray imported = ReadFile("settings.ini");
+    EXPECT_TRUE(Run({"upcoming", "--count", "3"}).out.contains("Meeting (2030-01-21 10:00)"));
+
+    const Outcome again = Run({"import", FilePath("cal.ics")});
+    EXPECT_EQ(again.exitCode, 0);
+    EXPECT_TRUE(again.out.contains("2 unchanged")) << again.out.toStdString();
+    EXPECT_EQ(ReadFile("settings.ini"), imported);
+
+    ASSERT_TRUE(calendar.open(QIODevice::WriteOnly));
+    calendar.write("BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:talk\r\nDTSTART:tomorrow\r\n");
+    calendar.close();
+    const Outcome malformed = Run({"import", FilePath("cal.ics")});
+    EXPECT_EQ(malformed.exitCode, 1);
+    EXPECT_TRUE(malformed.err.contains("line 4")) << malformed.err.toStdString();
+    EXPECT_EQ(ReadFile("settings.ini"), imported);
+}
+
+}  // namespace
