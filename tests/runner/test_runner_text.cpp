@@ -155,8 +155,8 @@ std::string Outcome(const ParseResult& parsed) {
         return "refused: " + parsed.error.toStdString();
     }
     const Invocation& invocation = *parsed.invocation;
-    const char* const names[] = {"add",     "list",   "remove", "clear", "enable",
-                                 "disable", "status", "run",    "help"};
+    const char* const names[] = {"add",    "list", "remove", "clear", "enable",  "disable",
+                                 "status", "stop", "run",    "help",  "complete"};
     QStringList fields;
     if (invocation.settingsFile) {
         fields << "settings=" + *invocation.settingsFile;

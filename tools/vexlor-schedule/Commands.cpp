@@ -6,6 +6,9 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLocalSocket>
 
 #include "ControlChannel.h"
@@ -32,20 +35,13 @@ int Print(const EditOutcome& outcome) {
     return outcome.exitCode;
 }
 
-int Fail(const QString& message) {
-    EditOutcome outcome;
-    outcome.exitCode = EXIT_REFUSED;
-    outcome.err = message;
-    return Print(outcome);
-}
-
 bool Writes(CommandName command) {
     return command != CommandName::List && command != CommandName::Status;
 }
 
 // No run is active and the edit lock is held: read, edit and write the file here.
 EditOutcome EditFile(const QString& path, const EditRequest& request) {
-    const EditContext context{Time::SystemClock().Now(), std::nullopt};
+    const EditContext context{Time::SystemClock().Now(), std::nullopt, std::nullopt};
     StoredSettings stored;
     try {
         stored = ReadStoredSettings(path);
@@ -65,7 +61,15 @@ EditOutcome EditFile(const QString& path, const EditRequest& request) {
     return outcome;
 }
 
-int Edit(const ScheduleLocation& location, const EditRequest& request) {
+EditOutcome Refusal(const QString& message) {
+    EditOutcome outcome;
+    outcome.exitCode = EXIT_REFUSED;
+    outcome.err = message;
+    return outcome;
+}
+
+// Hands the request to the active run, or carries it out on the file when none is active.
+EditOutcome Ask(const ScheduleLocation& location, const EditRequest& request) {
     const QByteArray encoded = EncodeRequest(request);
     // A run that ends between our connect and its answer never took the edit; the next
     // round finds the socket gone and edits the file.
@@ -73,7 +77,12 @@ int Edit(const ScheduleLocation& location, const EditRequest& request) {
         FileLock lock = FileLock::Take(location.editLockPath, EDIT_LOCK_PATIENCE);
         QLocalSocket socket;
         if (!ControlClient::Connect(socket, location.socketPath)) {
-            return Print(EditFile(location.settingsPath, request));
+            if (request.command == CommandName::Stop) {
+                return Refusal(
+                    QStringLiteral("no run is active on %1, so nothing is being recorded")
+                        .arg(location.settingsPath));
+            }
+            return EditFile(location.settingsPath, request);
         }
         // The run owns the schedule; it takes the edit lock only while it starts and never
         // waits for it afterwards, but nothing needs it held while the run answers.
@@ -82,17 +91,52 @@ int Edit(const ScheduleLocation& location, const EditRequest& request) {
             ControlClient::Exchange(socket, encoded, RUN_ANSWER_PATIENCE_MS);
         if (answer.kind == ControlAnswer::Answered) {
             if (const auto outcome = DecodeOutcome(answer.answer)) {
-                return Print(*outcome);
+                return *outcome;
             }
-            return Fail(QStringLiteral("the running scheduler gave an answer that is not one"));
+            return Refusal(QStringLiteral("the running scheduler gave an answer that is not one"));
         }
         if (socket.state() == QLocalSocket::ConnectedState) {
-            return Fail(QStringLiteral("the running scheduler (pid %1) did not answer within %2 s")
-                            .arg(FileLock::HolderPid(location.runLockPath))
-                            .arg(RUN_ANSWER_PATIENCE_MS / 1000));
+            return Refusal(
+                QStringLiteral("the running scheduler (pid %1) did not answer within %2 s")
+                    .arg(FileLock::HolderPid(location.runLockPath))
+                    .arg(RUN_ANSWER_PATIENCE_MS / 1000));
         }
     }
-    return Fail(QStringLiteral("the running scheduler kept going away before it answered"));
+    return Refusal(QStringLiteral("the running scheduler kept going away before it answered"));
+}
+
+// The shells' helper: a line naming what to complete (words, files or folders), then one
+// candidate per line. Quiet on failure: a shell shows what it gets.
+int Complete(const QStringList& words) {
+    const Completion completion = CompleteCommandLine(words);
+    const char* const kinds[] = {"words", "files", "folders"};
+    QStringList lines{QString::fromLatin1(kinds[completion.kind])};
+    lines += completion.words;
+    if (completion.titles) {
+        try {
+            EditRequest list;
+            list.command = CommandName::List;
+            list.json = true;
+            const EditOutcome listed =
+                Ask(LocateSchedule(SettingsPathForProcess(completion.settingsFile)), list);
+            const QJsonArray records = QJsonDocument::fromJson(listed.out.toUtf8())
+                                           .object()
+                                           .value(QStringLiteral("records"))
+                                           .toArray();
+            for (const QJsonValue& record : records) {
+                const QString title = record.toObject().value(QStringLiteral("title")).toString();
+                // One line per candidate; a title that starts with - needs -- before it.
+                if (!title.contains(QLatin1Char('\n')) &&
+                    (completion.titlesAfterDashes || !title.startsWith(QLatin1Char('-')))) {
+                    lines << title;
+                }
+            }
+        } catch (const std::exception&) {
+            // No titles, the rest all the same.
+        }
+    }
+    std::fputs((lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8().constData(), stdout);
+    return EXIT_DONE;
 }
 
 }  // namespace
@@ -102,15 +146,18 @@ int Execute(const Invocation& invocation) {
         std::fputs(invocation.helpText.toUtf8().constData(), stdout);
         return EXIT_DONE;
     }
+    if (invocation.command == CommandName::Complete) {
+        return Complete(invocation.words);
+    }
     const QString path = SettingsPathForProcess(invocation.settingsFile);
     try {
         const ScheduleLocation location = LocateSchedule(path);
         if (invocation.command == CommandName::Run) {
             return RunScheduler(location, invocation.run);
         }
-        return Edit(location, MakeEditRequest(invocation, Time::SystemClock().Now()));
+        return Print(Ask(location, MakeEditRequest(invocation, Time::SystemClock().Now())));
     } catch (const std::exception& error) {
-        return Fail(QString::fromLocal8Bit(error.what()));
+        return Print(Refusal(QString::fromLocal8Bit(error.what())));
     }
 }
 

@@ -116,30 +116,163 @@ EditOutcome Remove(const ScheduleState& state, const QString& title) {
     return outcome;
 }
 
-EditOutcome Status(const ScheduleState& state, const EditContext& context) {
+// Whole seconds, rounded up: "in 0s" would read as "now".
+QString Until(Time::TimePoint time, Time::TimePoint now) {
+    const Time::Microseconds until = Core::SaturatingDiff(time, now);
+    return FormatDuration(Time::Microseconds((until.count() + 999999) / 1000000 * 1000000));
+}
+
+const QK::RecordTime* NextOf(const ScheduleState& state, Time::TimePoint now) {
+    const QK::RecordTime* next = nullptr;
+    for (const QK::RecordTime& record : state.schedule) {
+        if (record.startTime >= now && (!next || record.startTime < next->startTime)) {
+            next = &record;
+        }
+    }
+    return next;
+}
+
+// How the capture that the active run records now goes, under "recording now".
+QString CaptureLine(const LiveCapture& capture, Time::TimePoint now) {
+    const QString left = capture.plannedEnd
+                             ? QStringLiteral("%1 left").arg(Until(*capture.plannedEnd, now))
+                             : QStringLiteral("no planned end");
+    const QString how = !capture.file.isEmpty() ? QStringLiteral("saved to %1").arg(capture.file)
+                        : capture.command ? QStringLiteral("command: %1").arg(*capture.command)
+                                          : QStringLiteral("simulated");
+    return Line(
+        QStringLiteral("  began %1, %2, %3").arg(FormatLocalTime(capture.began), left, how));
+}
+
+// What else the active run knows: notices on the screen, and its next capture.
+QString LiveLines(const LiveState& live, Time::TimePoint now) {
+    QString lines;
+    for (const LiveNotice& notice : live.notices) {
+        lines += Line(QStringLiteral("notice shown: %1: %2").arg(notice.title, notice.text));
+    }
+    if (live.nextRecord) {
+        lines += Line(QStringLiteral("next capture begins: %1, in %2, for %3")
+                          .arg(FormatLocalTime(live.nextCaptureAt), Until(live.nextCaptureAt, now),
+                               QuoteTitle(live.nextRecord->title)));
+    }
+    return lines;
+}
+
+QJsonValue Milliseconds(Time::Microseconds duration) {
+    return static_cast<double>(duration.count() / 1000);
+}
+
+// A moment as local time with its offset and as UTC.
+void PutTime(QJsonObject& json, const QString& name, Time::TimePoint time) {
+    json.insert(name, FormatIsoTime(time));
+    json.insert(name + QStringLiteral("Utc"), FormatUtcTime(time));
+}
+
+QJsonObject RecordJson(const QK::RecordTime& record) {
+    QJsonObject json{{QStringLiteral("title"), record.title},
+                     {QStringLiteral("durationMs"), Milliseconds(record.duration)},
+                     {QStringLiteral("tag"), record.tag},
+                     {QStringLiteral("mode"), static_cast<int>(record.mode)}};
+    PutTime(json, QStringLiteral("start"), record.startTime);
+    return json;
+}
+
+QJsonObject LiveJson(const LiveState& live, Time::TimePoint now) {
+    QJsonObject json;
+    QJsonValue recording;  // null: nothing is being recorded
+    if (const auto& capture = live.capture) {
+        QJsonObject object = RecordJson(capture->record);
+        PutTime(object, QStringLiteral("began"), capture->began);
+        object.insert(QStringLiteral("durationMs"),
+                      capture->plannedEnd ? Milliseconds(Core::SaturatingDiff(
+                                                *capture->plannedEnd, capture->record.startTime))
+                                          : QJsonValue(0));
+        object.insert(QStringLiteral("timeLeftMs"),
+                      capture->plannedEnd
+                          ? Milliseconds(std::max(Core::SaturatingDiff(*capture->plannedEnd, now),
+                                                  Time::Microseconds(0)))
+                          : QJsonValue());
+        object.insert(QStringLiteral("file"),
+                      capture->file.isEmpty() ? QJsonValue() : QJsonValue(capture->file));
+        object.insert(QStringLiteral("command"),
+                      capture->command ? QJsonValue(*capture->command) : QJsonValue());
+        recording = object;
+    }
+    json.insert(QStringLiteral("recording"), recording);
+    QJsonArray notices;
+    for (const LiveNotice& notice : live.notices) {
+        notices.append(QJsonObject{{QStringLiteral("title"), notice.title},
+                                   {QStringLiteral("text"), notice.text}});
+    }
+    json.insert(QStringLiteral("notices"), notices);
+    QJsonValue nextCapture;
+    if (live.nextRecord) {
+        QJsonObject object{
+            {QStringLiteral("title"), live.nextRecord->title},
+            {QStringLiteral("inMs"), Milliseconds(Core::SaturatingDiff(live.nextCaptureAt, now))}};
+        PutTime(object, QStringLiteral("at"), live.nextCaptureAt);
+        nextCapture = object;
+    }
+    json.insert(QStringLiteral("nextCapture"), nextCapture);
+    return json;
+}
+
+QString Document(const QJsonObject& json) {
+    return QString::fromUtf8(QJsonDocument(json).toJson(QJsonDocument::Indented));
+}
+
+EditOutcome Status(const ScheduleState& state, const EditContext& context, bool json) {
+    const QK::RecordTime* next = NextOf(state, context.now);
     EditOutcome outcome;
+    if (json) {
+        QJsonValue nextJson;
+        if (next) {
+            QJsonObject object = RecordJson(*next);
+            object.insert(QStringLiteral("inMs"),
+                          Milliseconds(Core::SaturatingDiff(next->startTime, context.now)));
+            nextJson = object;
+        }
+        outcome.out = Document(
+            {{QStringLiteral("enabled"), state.enabled},
+             {QStringLiteral("next"), nextJson},
+             {QStringLiteral("run"),
+              context.live ? QJsonValue(LiveJson(*context.live, context.now)) : QJsonValue()}});
+        return outcome;
+    }
     outcome.out =
         Line(QStringLiteral("scheduling: %1")
                  .arg(state.enabled ? QStringLiteral("enabled") : QStringLiteral("disabled")));
     if (context.recording) {
         outcome.out +=
             Line(QStringLiteral("recording now: %1").arg(DescribeRecord(*context.recording)));
-    }
-    const QK::RecordTime* next = nullptr;
-    for (const QK::RecordTime& record : state.schedule) {
-        if (record.startTime >= context.now && (!next || record.startTime < next->startTime)) {
-            next = &record;
+        if (context.live && context.live->capture) {
+            outcome.out += CaptureLine(*context.live->capture, context.now);
         }
     }
+    const QString live = context.live ? LiveLines(*context.live, context.now) : QString();
     if (!next) {
-        outcome.out += Line(QStringLiteral("next: none"));
+        outcome.out += Line(QStringLiteral("next: none")) + live;
         return outcome;
     }
-    const Time::Microseconds until = Core::SaturatingDiff(next->startTime, context.now);
-    // Whole seconds, rounded up: "in 0s" would read as "now".
-    const Time::Microseconds roundedUp((until.count() + 999999) / 1000000 * 1000000);
-    outcome.out += Line(
-        QStringLiteral("next: %1, in %2").arg(DescribeRecord(*next), FormatDuration(roundedUp)));
+    outcome.out += Line(QStringLiteral("next: %1, in %2")
+                            .arg(DescribeRecord(*next), Until(next->startTime, context.now))) +
+                   live;
+    return outcome;
+}
+
+EditOutcome List(const ScheduleState& state, bool json) {
+    EditOutcome outcome;
+    if (json) {
+        QJsonArray records;
+        for (const QK::RecordTime& record : state.schedule) {
+            records.append(RecordJson(record));
+        }
+        outcome.out = Document({{QStringLiteral("records"), records}});
+        return outcome;
+    }
+    for (const QK::RecordTime& record : state.schedule) {
+        outcome.out += Line(FormatRecordLine(record));
+    }
     return outcome;
 }
 
@@ -185,6 +318,7 @@ EditRequest MakeEditRequest(const Invocation& invocation, Time::TimePoint now) {
         request.enable = add.enable;
     }
     request.title = invocation.removeTitle;
+    request.json = invocation.json;
     return request;
 }
 
@@ -193,7 +327,8 @@ QByteArray EncodeRequest(const EditRequest& request) {
                            {QStringLiteral("record"), RecordToJson(request.record)},
                            {QStringLiteral("allowOverlap"), request.allowOverlap},
                            {QStringLiteral("enable"), request.enable},
-                           {QStringLiteral("title"), request.title}};
+                           {QStringLiteral("title"), request.title},
+                           {QStringLiteral("json"), request.json}};
     return QJsonDocument(json).toJson(QJsonDocument::Compact);
 }
 
@@ -205,7 +340,7 @@ std::optional<EditRequest> DecodeRequest(const QByteArray& bytes) {
     const QJsonObject json = document.object();
     const int command = json.value(QStringLiteral("command")).toInt(-1);
     if (command < static_cast<int>(CommandName::Add) ||
-        command > static_cast<int>(CommandName::Status)) {
+        command > static_cast<int>(CommandName::Stop)) {
         return std::nullopt;
     }
     const auto record = RecordFromJson(json.value(QStringLiteral("record")).toObject());
@@ -218,6 +353,7 @@ std::optional<EditRequest> DecodeRequest(const QByteArray& bytes) {
     request.allowOverlap = json.value(QStringLiteral("allowOverlap")).toBool();
     request.enable = json.value(QStringLiteral("enable")).toBool();
     request.title = json.value(QStringLiteral("title")).toString();
+    request.json = json.value(QStringLiteral("json")).toBool();
     return request;
 }
 
@@ -256,17 +392,14 @@ EditOutcome ApplyEdit(const ScheduleState& state, const EditRequest& request,
                     {},
                     {},
                     ScheduleState{state.schedule, request.command == CommandName::Enable}};
-        case CommandName::List: {
-            EditOutcome outcome;
-            for (const QK::RecordTime& record : state.schedule) {
-                outcome.out += Line(FormatRecordLine(record));
-            }
-            return outcome;
-        }
+        case CommandName::List:
+            return List(state, request.json);
         case CommandName::Status:
-            return Status(state, context);
+            return Status(state, context, request.json);
+        case CommandName::Stop:  // the active run's own business
         case CommandName::Run:
         case CommandName::Help:
+        case CommandName::Complete:
             break;
     }
     return Refused(QStringLiteral("not an editing command"));
