@@ -239,7 +239,8 @@ const Command COMMANDS[] = {
     {"disable", CommandName::Disable, "Switches scheduling off.", false, false},
     {"status", CommandName::Status,
      "Prints the enabled flag, the recording in progress (with\n"
-     "a run active), the next recording and the time until it.",
+     "a run active), the next recording and the time until it;\n"
+     "a run also tells the notices shown and its next capture.",
      true, false},
     {"stop", CommandName::Stop,
      "Ends the recording in progress now; the run goes on\n"
@@ -275,7 +276,7 @@ void DefineCommands(CLI::App& app, Invocation& invocation) {
         CLI::App* added = app.add_subcommand(command.word, command.summary);
         if (command.json) {
             added->add_flag("--json", invocation.json,
-                            "Prints one JSON document instead (see the README).");
+                            "Prints one JSON document instead.");
         }
     }
     // After the commands, which would inherit it.
