@@ -1,8 +1,7 @@
-// The scheduler and the platform stand-ins on a real event loop.
+// The platform stand-ins on a real event loop.
 #include <chrono>
 #include <functional>
 #include <limits>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,13 +11,9 @@
 #include <QElapsedTimer>
 #include <QThread>
 
-#include "Scheduler/Scheduler.h"
-#include "fakes/FakeServices.h"
-#include "platform/FixedUiSettings.h"
 #include "platform/QtDurationTimer.h"
 #include "platform/QueuedGateway.h"
 #include "platform/StatePowerManager.h"
-#include "testing/SystemClockPin.h"
 
 namespace Vexlor::QK {
 namespace {
@@ -40,29 +35,14 @@ void RunLoopFor(int ms) {
     RunLoopUntil([] { return false; }, ms);
 }
 
-// Polled every 100 ms: the request comes on time, through the gateway's event loop.
-TEST(SchedulerOnEventLoop, RequestsOnTimeAndKeepsSleepPreventedAsAState) {
-    Testing::UnpinSystemClock();
-    auto clock = std::make_shared<Time::SystemClock>();
-    auto gateway = std::make_shared<ExternalStimulus::QueuedGateway>();
-    auto power = std::make_shared<App::StatePowerManager>();
-    auto settings = std::make_shared<Testing::FakeSchedulerSettings>();
-    const Time::TimePoint start = clock->Now() + 300ms;
-    settings->schedule = {{"R", start, 10s}, {"R", start + 60s, 10s}};
-    settings->enabled = true;
-    Scheduler scheduler(settings, std::make_shared<FixedUiSettings>(false, 0us), gateway, power,
-                        clock, std::make_shared<Time::QtDurationTimer>());
-    std::vector<Time::TimePoint> requestedAt;
-    gateway->RegisterHandler("RECORD_SCHEDULE", [&](ExternalStimulus::Stimulus) {
-        requestedAt.push_back(clock->Now());
-    });
-    EXPECT_TRUE(power->IsSleepPrevented());
-    ASSERT_TRUE(RunLoopUntil([&] { return !requestedAt.empty(); }, 3000));
-    EXPECT_GE(requestedAt[0], start);
-    EXPECT_LE(requestedAt[0] - start, 150ms);
-    scheduler.SetEnabled(true);   // polling for the second
-    scheduler.SetEnabled(false);  // one release after many requests: a state, not a counter
-    EXPECT_FALSE(power->IsSleepPrevented());
+// One release after many requests: a state, not a counter.
+TEST(StatePowerManager, OneAllowSleepEndsAnyNumberOfPreventSleeps) {
+    App::StatePowerManager power;
+    power.PreventSleep();
+    power.PreventSleep();
+    EXPECT_TRUE(power.IsSleepPrevented());
+    power.AllowSleep();
+    EXPECT_FALSE(power.IsSleepPrevented());
 }
 
 TEST(QtDurationTimer, FiresOnceNotEarlyOnTheArmingThreadUnlessStoppedOrDestroyed) {

@@ -1,5 +1,4 @@
 #include <climits>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -8,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include "Scheduler/SchedulerSettings.h"
+#include "fakes/FakeServices.h"
 #include "interfaces/InstanceRegistry.h"
 #include "settings/SettingsWrapper.h"
 
@@ -119,27 +119,6 @@ TEST(ScheduleDecoding, CountBeyondWhatTheBytesCanHoldThrowsLengthError) {
     }
 }
 
-// In memory, counting the writes; a bool is kept as one byte.
-class CountingSettingsManager : public IApplicationSettingsManager {
-public:
-    void setBool(const std::string& key, bool value) override { setByteArray(key, {value}); }
-    void setByteArray(const std::string& key, const Bytes& value) override {
-        ++writes;
-        values[key] = value;
-    }
-    bool getBool(const std::string& key, bool defaultValue) const override {
-        return getByteArray(key, {defaultValue}).at(0) != 0;
-    }
-    Bytes getByteArray(const std::string& key, const Bytes& defaultValue) const override {
-        return values.count(key) ? values.at(key) : defaultValue;
-    }
-    bool contains(const std::string& key) const override { return values.count(key) != 0; }
-    void remove(const std::string& key) override { values.erase(key); }
-
-    std::map<std::string, Bytes> values;
-    int writes = 0;
-};
-
 struct ScheduleObserver : ICaptureSchedulerSettingsObserver {
     MOCK_METHOD(void, OnSchedulerEnabledChanged, (bool), (override));
     MOCK_METHOD(void, OnScheduleChanged, (const RecordTimeList&), (override));
@@ -160,7 +139,8 @@ RecordTimeList Tags(std::initializer_list<int> tags) {
 
 class SettingsTest : public testing::Test {
 protected:
-    std::shared_ptr<CountingSettingsManager> manager = std::make_shared<CountingSettingsManager>();
+    std::shared_ptr<Testing::FakeSettingsManager> manager =
+        std::make_shared<Testing::FakeSettingsManager>();
 };
 
 TEST_F(SettingsTest, WrapperReadsTheDefaultAndWritesOnlyChangesUnlessForced) {

@@ -2,12 +2,14 @@
 
 #include <functional>
 #include <list>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "interfaces/Gateway.h"
 #include "interfaces/ICaptureSchedulerSettings.h"
 #include "interfaces/PowerManager.h"
+#include "interfaces/SettingsManager.h"
 #include "interfaces/Timer.h"
 #include "interfaces/UiSettings.h"
 
@@ -85,6 +87,27 @@ struct FakeSchedulerSettings : QK::ICaptureSchedulerSettings {
     QK::RecordTimeList schedule;
     int writes = 0;
     std::function<void()> onSetSchedule;
+};
+
+// A settings file in memory, counting writes; a bool is kept as one byte.
+struct FakeSettingsManager : QK::IApplicationSettingsManager {
+    using Bytes = std::vector<unsigned char>;
+    void setBool(const std::string& key, bool value) override { setByteArray(key, {value}); }
+    void setByteArray(const std::string& key, const Bytes& value) override {
+        ++writes;
+        values[key] = value;
+    }
+    bool getBool(const std::string& key, bool defaultValue) const override {
+        return getByteArray(key, {defaultValue}).at(0) != 0;
+    }
+    Bytes getByteArray(const std::string& key, const Bytes& defaultValue) const override {
+        return values.count(key) ? values.at(key) : defaultValue;
+    }
+    bool contains(const std::string& key) const override { return values.count(key) != 0; }
+    void remove(const std::string& key) override { values.erase(key); }
+
+    std::map<std::string, Bytes> values;
+    int writes = 0;
 };
 
 }  // namespace Vexlor::Testing

@@ -1,7 +1,5 @@
 #include "fakes/SilentBus.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <vector>
 
 namespace Vexlor::Testing {
 
@@ -58,63 +55,29 @@ SilentBus::SilentBus(Name name, Listener listener) {
     if (::listen(listenFd, listener == Listener::Accepting ? 16 : 0) != 0) {
         Fail("listen");
     }
-    if (::pipe2(wakeFds, O_CLOEXEC) != 0) {
-        Fail("pipe");
-    }
     if (listener == Listener::Accepting) {
-        thread = std::thread([this] { Serve(); });
+        // Each connection stays open and unread until the end: a peer that is there and silent.
+        thread = std::thread([this] {
+            for (int client; (client = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+                clients.push_back(client);
+                ++accepted;
+            }
+        });
     }
 }
 
 SilentBus::~SilentBus() {
+    ::shutdown(listenFd, SHUT_RDWR);  // ends the wait in accept
     if (thread.joinable()) {
-        const char stop = 0;
-        [[maybe_unused]] const ssize_t written = ::write(wakeFds[1], &stop, 1);
         thread.join();
     }
-    ::close(wakeFds[0]);
-    ::close(wakeFds[1]);
+    for (const int client : clients) {
+        ::close(client);
+    }
     ::close(listenFd);
     if (!directory.empty()) {
         ::unlink((directory + "/bus").c_str());
         ::rmdir(directory.c_str());
-    }
-}
-
-// Takes connections and swallows what they send; answers nothing, closes nothing until the
-// end, so that a client sees a peer that is there and silent.
-void SilentBus::Serve() {
-    std::vector<pollfd> watched{{wakeFds[0], POLLIN, 0}, {listenFd, POLLIN, 0}};
-    char sink[4096];
-    for (;;) {
-        if (::poll(watched.data(), watched.size(), -1) < 0) {
-            continue;
-        }
-        if (watched[0].revents != 0) {
-            break;
-        }
-        if ((watched[1].revents & POLLIN) != 0) {
-            const int client = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (client >= 0) {
-                watched.push_back({client, POLLIN, 0});
-                ++accepted;
-            }
-        }
-        for (std::size_t i = 2; i < watched.size();) {
-            const ssize_t got = watched[i].revents == 0
-                                    ? 1
-                                    : ::recv(watched[i].fd, sink, sizeof sink, MSG_DONTWAIT);
-            if (got == 0 || (got < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) {
-                // The client went away; its end would report a hang-up at every poll.
-                ::close(watched[i].fd);
-                watched.erase(watched.begin() + static_cast<std::ptrdiff_t>(i));
-            } else {
-                ++i;
-            }
-        }
-    }
-    for (std::size_t i = 2; i < watched.size(); ++i) {
-        ::close(watched[i].fd);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <vector>
 
 // A unix socket that looks like a bus to whoever connects and never says a word: what a
 // dbus-daemon that is stopped (SIGSTOP), deadlocked or swapped out looks like to a client.
@@ -27,12 +28,10 @@ public:
     int Accepted() const { return accepted.load(); }
 
 private:
-    void Serve();
-
     std::string address;
     std::string directory;  // holds the socket file, for Name::Path
     int listenFd = -1;
-    int wakeFds[2] = {-1, -1};
+    std::vector<int> clients;  // the accepting thread's until it ends
     std::atomic<int> accepted{0};
     std::thread thread;
 };

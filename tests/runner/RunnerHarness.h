@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -11,6 +12,7 @@
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
+#include <QThread>
 
 // Drives the built program on a settings file of its own in a temporary folder.
 namespace Vexlor::Testing {
@@ -21,6 +23,29 @@ struct Outcome {
     QString err;
 };
 
+// Polls `done` until it holds or `timeoutMs` has passed; returns whether it held.
+inline bool Eventually(const std::function<bool()>& done, int timeoutMs) {
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeoutMs) {
+            return false;
+        }
+        QThread::msleep(20);
+    }
+    return true;
+}
+
+inline bool ProcessEnded(long long pid) {
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly)) {
+        return true;
+    }
+    // A zombie has ended too; whether it is reaped depends on the machine's init.
+    const QByteArray text = stat.readAll();
+    return text.mid(text.lastIndexOf(')') + 2, 1) == "Z";
+}
+
 class RunnerTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(folder.isValid()); }
@@ -28,18 +53,17 @@ protected:
     QString SettingsFile() const { return folder.filePath(QStringLiteral("settings.ini")); }
     QString FilePath(const QString& name) const { return folder.filePath(name); }
 
+    // Unless told otherwise, both buses refuse at once: no notices or sleep locks on the
+    // machine running the tests.
     QProcessEnvironment Environment() const {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"));
         if (!inheritBuses) {
-            // By default buses that refuse at once: no notices or sleep locks on the machine
-            // running the tests.
             const QString address = busAddress.isEmpty()
                                         ? QStringLiteral("unix:path=") + FilePath("no-bus")
                                         : busAddress;
-            for (const char* bus : {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SYSTEM_BUS_ADDRESS"}) {
-                environment.insert(bus, address);
-            }
+            environment.insert("DBUS_SESSION_BUS_ADDRESS", address);
+            environment.insert("DBUS_SYSTEM_BUS_ADDRESS", address);
         }
         for (const auto& [name, value] : environmentChanges) {
             if (value) {
@@ -51,27 +75,19 @@ protected:
         return environment;
     }
 
-    // Both buses at `address` for the programs started from now on.
-    void UseBuses(const QString& address) {
-        busAddress = address;
-        inheritBuses = false;
-    }
-    // The buses of the test process itself (a private bus with fake services, say).
-    void InheritBuses() { inheritBuses = true; }
-
     // The settings file is named with --settings, or else through the environment.
     std::unique_ptr<QProcess> Start(const QStringList& arguments) {
         auto process = std::make_unique<QProcess>();
         process->setWorkingDirectory(folder.path());
         QProcessEnvironment environment = Environment();
-        QStringList fullArguments = arguments;
         if (settingsFromEnvironment) {
             environment.insert(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"), SettingsFile());
-        } else {
-            fullArguments = QStringList{QStringLiteral("--settings"), SettingsFile()} + arguments;
         }
         process->setProcessEnvironment(environment);
-        process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM), fullArguments);
+        process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM),
+                       settingsFromEnvironment
+                           ? arguments
+                           : QStringList{"--settings", SettingsFile()} + arguments);
         EXPECT_TRUE(process->waitForStarted(5000));
         return process;
     }
@@ -90,22 +106,18 @@ protected:
     }
 
     Outcome Run(const QStringList& arguments, int timeoutMs = 20000) {
-        auto process = Start(arguments);
-        return Finish(*process, timeoutMs);
+        return Finish(*Start(arguments), timeoutMs);
     }
 
-    // Reads standard output of a running program until `needle` shows up.
+    // Reads standard output of a running program into `seen` until `needle` shows up.
     bool WaitForOutput(QProcess& process, QString& seen, const QString& needle, int timeoutMs) {
-        QElapsedTimer clock;
-        clock.start();
-        while (!seen.contains(needle)) {
-            if (clock.elapsed() > timeoutMs) {
-                return false;
-            }
-            process.waitForReadyRead(100);
-            seen += QString::fromUtf8(process.readAllStandardOutput());
-        }
-        return true;
+        return Eventually(
+            [&] {
+                process.waitForReadyRead(1);
+                seen += QString::fromUtf8(process.readAllStandardOutput());
+                return seen.contains(needle);
+            },
+            timeoutMs);
     }
 
     QByteArray ReadFile(const QString& name) const {
@@ -122,19 +134,8 @@ protected:
     // Set or (nullopt) removed in the environment of the programs started from now on.
     std::map<QString, std::optional<QString>> environmentChanges;
     bool settingsFromEnvironment = false;
-    QString busAddress;
-    bool inheritBuses = false;
+    QString busAddress;         // both buses of the programs started from now on
+    bool inheritBuses = false;  // the test process's own buses (a private bus with mocks)
 };
-
-inline bool ProcessEnded(long long pid) {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly)) {
-        return true;
-    }
-    // A zombie has ended too; whether it is reaped depends on the machine's init.
-    const QByteArray text = stat.readAll();
-    const int afterName = text.lastIndexOf(')');
-    return afterName >= 0 && text.mid(afterName + 2, 1) == "Z";
-}
 
 }  // namespace Vexlor::Testing

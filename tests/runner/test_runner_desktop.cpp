@@ -7,14 +7,14 @@
 #include <QTemporaryDir>
 
 #include "RunnerHarness.h"
-#include "fakes/FakeDBusServices.h"
+#include "fakes/MockBus.h"
 #include "fakes/SilentBus.h"
 
-// The runner with its default back-ends, against fake desktop services on the private bus whose
+// The runner with its default back-ends, against mock desktop services on the private bus whose
 // addresses the program inherits, or against buses that never answer.
 namespace {
 
-using Vexlor::Testing::FakeBusServices;
+using Vexlor::Testing::MockService;
 using Vexlor::Testing::Outcome;
 using Vexlor::Testing::RunnerTest;
 using Vexlor::Testing::SilentBus;
@@ -26,7 +26,7 @@ class DesktopRunnerTest : public RunnerTest {
 protected:
     void SetUp() override {
         RunnerTest::SetUp();
-        InheritBuses();
+        inheritBuses = true;
     }
 
     bool WaitForOutput(QProcess& process, const QString& needle, int timeoutMs) {
@@ -41,14 +41,14 @@ protected:
         warnings = stopped.err;
     }
 
-    FakeBusServices services;
     QString seen;      // standard output so far
     QString warnings;  // standard error, once stopped
 };
 
 TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
-    ASSERT_TRUE(services.PublishNotifications());
-    ASSERT_TRUE(services.PublishLogin());
+    MockService server(QStringLiteral("notification_daemon"), R"({"capabilities": "body"})");
+    MockService logind(QStringLiteral("logind"));
+    ASSERT_TRUE(server.Up() && logind.Up());
     // Within the notice window from the helper's first check, 10 s after the start.
     ASSERT_EQ(Run({"add", "Later", "--in", "4h"}).exitCode, 0);
     ASSERT_EQ(Run({"enable"}).exitCode, 0);
@@ -56,32 +56,30 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
 
     ASSERT_TRUE(WaitForOutput(*run, "sleep prevented: logind lock taken", 5000))
         << seen.toStdString();
-    const auto locks = services.login.Inhibitions();
-    ASSERT_EQ(locks.size(), 1u);
-    EXPECT_EQ(locks[0].what, "sleep");
-    EXPECT_EQ(locks[0].who, "vexlor-schedule");
-    EXPECT_EQ(locks[0].mode, "block");
-    EXPECT_FALSE(services.login.Released(0));
+    EXPECT_EQ(logind.Locks(), (QList<QStringList>{{"sleep", "vexlor-schedule",
+                                                   "A scheduled recording is planned", "block"}}));
 
     ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 13000)) << seen.toStdString();
-    const auto notices = services.notifications.Notices();
-    ASSERT_EQ(notices.size(), 1u);
-    EXPECT_EQ(notices[0].appName, "vexlor-schedule");
-    EXPECT_EQ(notices[0].expireTimeout, 0);
+    const QList<QVariantList> notices = server.Calls(QStringLiteral("Notify"));
+    ASSERT_EQ(notices.size(), 1);
+    EXPECT_EQ(notices[0][0], "vexlor-schedule");
+    EXPECT_EQ(notices[0][7], 0);  // no expiry
     // The event line repeats what the server got; without body-markup the text is plain.
-    EXPECT_FALSE(notices[0].body.isEmpty());
-    EXPECT_TRUE(seen.contains(notices[0].summary + ": " + notices[0].body)) << seen.toStdString();
+    const QString summary = notices[0][3].toString(), body = notices[0][4].toString();
+    EXPECT_FALSE(body.isEmpty());
+    EXPECT_TRUE(seen.contains(summary + ": " + body)) << seen.toStdString();
 
     // Emptying the schedule from another process ends the armed period at once and withdraws
     // the notice at the helper's next check.
     ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
     ASSERT_TRUE(WaitForOutput(*run, "sleep allowed: logind lock released", 3000))
         << seen.toStdString();
-    EXPECT_TRUE(services.login.Released(0, 1000));
+    EXPECT_TRUE(logind.Locks(0, 1000).isEmpty());
     ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000))
         << seen.toStdString();
-    EXPECT_EQ(services.notifications.Closed(), std::vector<uint>{notices[0].returnedId});
-    EXPECT_EQ(services.login.Inhibitions().size(), 1u);
+    // The mock numbers its notices from 1.
+    EXPECT_EQ(server.Calls(QStringLiteral("CloseNotification")), QList<QVariantList>{{1}});
+    EXPECT_EQ(logind.Calls(QStringLiteral("Inhibit")).size(), 1);
 
     StopRun(*run);
     EXPECT_TRUE(warnings.isEmpty()) << warnings.toStdString();
@@ -92,7 +90,8 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
 // for a recording due 3 s after the start.
 TEST_F(DesktopRunnerTest, BusesThatNeverAnswerCostTwoSecondsOnceAndTheRecordingRuns) {
     SilentBus bus;
-    UseBuses(QString::fromStdString(bus.Address()));
+    busAddress = QString::fromStdString(bus.Address());
+    inheritBuses = false;
     ASSERT_EQ(Run({"add", "Soon", "--in", "3s", "--for", "1s"}).exitCode, 0);
     ASSERT_EQ(Run({"enable"}).exitCode, 0);
 
@@ -115,29 +114,14 @@ TEST_F(DesktopRunnerTest, BusesThatNeverAnswerCostTwoSecondsOnceAndTheRecordingR
     EXPECT_FALSE(seen.contains("sleep prevented")) << seen.toStdString();
 }
 
-struct NoLockRow {
-    const char* name;
-    bool logind;
-    QStringList options;
-    int warnings;
-};
-
-void PrintTo(const NoLockRow& row, std::ostream* out) {
-    *out << row.name;
-}
-
-class DesktopRunnerWithoutLock : public DesktopRunnerTest,
-                                 public testing::WithParamInterface<NoLockRow> {};
-
-// Without a lock nothing keeps the machine awake, and no line says otherwise.
-TEST_P(DesktopRunnerWithoutLock, NoLineSaysThatSleepIsPreventedOrAllowed) {
-    ASSERT_TRUE(services.PublishNotifications());
-    if (GetParam().logind) {
-        ASSERT_TRUE(services.PublishLogin());
-    }
-    ASSERT_EQ(Run({"add", "Later", "--in", "4h"}).exitCode, 0);
-    ASSERT_EQ(Run({"enable"}).exitCode, 0);
-    auto run = Start(QStringList{"run"} + GetParam().options);
+// With --no-keep-awake nothing keeps the machine awake, though logind would, and no line or
+// warning says otherwise.
+TEST_F(DesktopRunnerTest, NoKeepAwakeTakesNoLockAndSaysNothingOfSleep) {
+    MockService server(QStringLiteral("notification_daemon"));
+    MockService logind(QStringLiteral("logind"));
+    ASSERT_TRUE(server.Up() && logind.Up());
+    ASSERT_EQ(Run({"add", "Later", "--in", "4h", "--enable"}).exitCode, 0);
+    auto run = Start({"run", "--no-keep-awake"});
     ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000))
         << seen.toStdString();
     ASSERT_EQ(Run({"disable"}).exitCode, 0);
@@ -146,16 +130,8 @@ TEST_P(DesktopRunnerWithoutLock, NoLineSaysThatSleepIsPreventedOrAllowed) {
     StopRun(*run);
 
     EXPECT_FALSE(seen.contains("sleep")) << seen.toStdString();
-    EXPECT_TRUE(services.login.Inhibitions().empty());
-    EXPECT_EQ(warnings.count(NO_LOGIND), GetParam().warnings) << warnings.toStdString();
-    EXPECT_EQ(warnings.count('\n'), GetParam().warnings) << warnings.toStdString();
+    EXPECT_TRUE(logind.Calls(QStringLiteral("Inhibit")).isEmpty());
+    EXPECT_TRUE(warnings.isEmpty()) << warnings.toStdString();
 }
-
-INSTANTIATE_TEST_SUITE_P(Rows, DesktopRunnerWithoutLock,
-                         testing::Values(NoLockRow{"NoLogind", false, {}, 1},
-                                         NoLockRow{"NoKeepAwake", true, {"--no-keep-awake"}, 0}),
-                         [](const testing::TestParamInfo<NoLockRow>& info) {
-                             return std::string(info.param.name);
-                         });
 
 }  // namespace

@@ -165,13 +165,14 @@ TEST_F(OneWriterTest, LeadStartsTheCaptureEarlyAndItRunsToThePlannedEnd) {
     const QDateTime plannedEnd = QDateTime::currentDateTime().addSecs(6);
     auto run = StartRun({"--lead", "2s", "--exec",
                          "trap 'date +%s%3N > ended.txt; exit 0' TERM; date +%s%3N > began.txt; "
-                         "sleep 30 & wait"});
+                         "echo $VEXLOR_DURATION_MS > duration.txt; sleep 30 & wait"});
     ASSERT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Ahead\"", 10000))
         << seen.toStdString();
     const qint64 began = ReadFile("began.txt").trimmed().toLongLong();
     const qint64 ended = ReadFile("ended.txt").trimmed().toLongLong();
     EXPECT_NEAR(plannedEnd.toMSecsSinceEpoch() - began, 4000, 500);
     EXPECT_NEAR(ended - plannedEnd.toMSecsSinceEpoch(), 0, 500);
+    EXPECT_EQ(ReadFile("duration.txt").trimmed(), "2000");  // requested early: nothing is cut
     Stop(*run);
 }
 
@@ -234,6 +235,7 @@ TEST_F(OneWriterTest, LocksThatCannotBeMadeAreRefusedWithTheSystemsReason) {
 // says what failed once, and writes everything when storage is back.
 struct StorageFault {
     const char* name;
+    bool fullDisk;  // else a directory takes the file's place
     const char* reason;
 };
 
@@ -245,59 +247,36 @@ class StorageFaultTest : public OneWriterTest, public testing::WithParamInterfac
 protected:
     void TearDown() override {
         if (mounted) {
-            ::umount2(QFile::encodeName(Store()).constData(), MNT_DETACH);
+            ::umount2(QFile::encodeName(FilePath("store")).constData(), MNT_DETACH);
         }
     }
-
-    QString Store() const { return FilePath("store"); }
-    QString Settings() const { return Store() + "/settings.ini"; }
-
-    // Breaks storage; false when this machine does not let the test do so.
-    bool Break() {
-        const QString kind = GetParam().name;
-        if (kind == QLatin1String("DirectoryInItsPlace")) {
-            return QFile::remove(Settings()) && QDir().mkdir(Settings());
-        }
-        // Full disk: fill the small file system that holds the settings.
-        QFile filler(Store() + "/filler");
-        if (!filler.open(QIODevice::WriteOnly)) {
-            return false;
-        }
-        const QByteArray block(4096, 'x');
-        while (filler.write(block) == block.size() && filler.flush()) {
-        }
-        return true;
-    }
-
-    void Repair() {
-        const QString kind = GetParam().name;
-        if (kind == QLatin1String("DirectoryInItsPlace")) {
-            ASSERT_TRUE(QDir().rmdir(Settings()));
-        } else {
-            ASSERT_TRUE(QFile::remove(Store() + "/filler"));
-        }
-    }
-
     bool mounted = false;
 };
 
 TEST_P(StorageFaultTest, RunKeepsRecordingSaysWhyOnceAndCatchesUp) {
-    ASSERT_TRUE(QDir().mkdir(Store()));
-    if (QLatin1String(GetParam().name) == QLatin1String("FullDisk")) {
-        if (::mount("tmpfs", QFile::encodeName(Store()).constData(), "tmpfs", 0, "size=256k") !=
-            0) {
-            GTEST_SKIP() << "cannot mount a small tmpfs here (" << std::strerror(errno)
-                         << "); a full disk needs one";
+    const QString store = FilePath("store"), file = store + "/settings.ini";
+    ASSERT_TRUE(QDir().mkdir(store));
+    if (GetParam().fullDisk) {
+        if (::mount("tmpfs", QFile::encodeName(store).constData(), "tmpfs", 0, "size=256k") != 0) {
+            GTEST_SKIP() << "cannot mount a small tmpfs here (" << std::strerror(errno) << ")";
         }
         mounted = true;
     }
-    const QStringList settings{"--settings", Settings()};
+    const QStringList settings{"--settings", file};
     ASSERT_EQ(Run(settings + QStringList{"add", "Due", "--in", "4s", "--for", "1s"}).exitCode, 0);
     ASSERT_EQ(Run(settings + QStringList{"enable"}).exitCode, 0);
     auto run = Start(settings + QStringList{"run", "--exec", "true"});
     ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000)) << seen.toStdString();
 
-    ASSERT_TRUE(Break());
+    QFile filler(store + "/filler");
+    if (GetParam().fullDisk) {
+        ASSERT_TRUE(filler.open(QIODevice::WriteOnly));
+        const QByteArray block(4096, 'x');
+        while (filler.write(block) == block.size() && filler.flush()) {
+        }
+    } else {
+        ASSERT_TRUE(QFile::remove(file) && QDir().mkdir(file));
+    }
     const Outcome added = Run(settings + QStringList{"add", "Later", "--in", "1h"});
     EXPECT_EQ(added.exitCode, 0) << added.err.toStdString();
     EXPECT_TRUE(added.err.contains("not saved")) << added.err.toStdString();
@@ -308,20 +287,19 @@ TEST_P(StorageFaultTest, RunKeepsRecordingSaysWhyOnceAndCatchesUp) {
     seen += QString::fromUtf8(run->readAllStandardOutput());
     EXPECT_EQ(seen.count("settings not saved"), 1) << seen.toStdString();
 
-    Repair();
+    filler.close();
+    ASSERT_TRUE(GetParam().fullDisk ? QFile::remove(filler.fileName()) : QDir().rmdir(file));
     EXPECT_TRUE(WaitForOutput(*run, seen, "settings saved again", 5000)) << seen.toStdString();
     const QStringList listed = Listed(settings);
     ASSERT_EQ(listed.size(), 1) << listed.join('\n').toStdString();
     EXPECT_TRUE(listed[0].contains("\"Later\""));
-
     Stop(*run);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, StorageFaultTest,
-                         testing::Values(StorageFault{"DirectoryInItsPlace", "Is a directory"},
-                                         StorageFault{"FullDisk", "No space left on device"}),
-                         [](const testing::TestParamInfo<StorageFault>& info) {
-                             return std::string(info.param.name);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Rows, StorageFaultTest,
+    testing::Values(StorageFault{"DirectoryInItsPlace", false, "Is a directory"},
+                    StorageFault{"FullDisk", true, "No space left on device"}),
+    [](const testing::TestParamInfo<StorageFault>& info) { return std::string(info.param.name); });
 
 }  // namespace

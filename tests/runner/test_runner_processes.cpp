@@ -1,9 +1,7 @@
 #include <signal.h>
 
 #include <gtest/gtest.h>
-#include <QElapsedTimer>
 #include <QProcess>
-#include <QThread>
 
 #include "RunnerHarness.h"
 
@@ -29,23 +27,12 @@ protected:
     }
 
     long long PidIn(const QString& name) const { return ReadFile(name).trimmed().toLongLong(); }
-
     long long WaitForPid(const QString& name) const {
-        QElapsedTimer clock;
-        clock.start();
-        while (PidIn(name) <= 0 && clock.elapsed() < 5000) {
-            QThread::msleep(20);
-        }
+        Vexlor::Testing::Eventually([&] { return PidIn(name) > 0; }, 5000);
         return PidIn(name);
     }
-
     static bool EndsWithin(long long pid, int timeoutMs) {
-        QElapsedTimer clock;
-        clock.start();
-        while (!ProcessEnded(pid) && clock.elapsed() < timeoutMs) {
-            QThread::msleep(20);
-        }
-        return ProcessEnded(pid);
+        return Vexlor::Testing::Eventually([pid] { return ProcessEnded(pid); }, timeoutMs);
     }
 };
 
@@ -71,10 +58,8 @@ TEST_P(LeftoverTest, CaptureProcessesEndWithTheCaptureOrTheRunner) {
         {"run", "--until-empty", "--notify", "none", "--no-keep-awake", "--exec", row.command});
     QString seen;
     ASSERT_TRUE(WaitForOutput(*run, seen, "recording started", 10000)) << seen.toStdString();
-    const long long shell = WaitForPid("shell.pid");
-    const long long child = WaitForPid("child.pid");
-    ASSERT_GT(shell, 0);
-    ASSERT_GT(child, 0);
+    const long long shell = WaitForPid("shell.pid"), child = WaitForPid("child.pid");
+    ASSERT_TRUE(shell > 0 && child > 0);
     if (row.signal != 0) {
         ASSERT_FALSE(ProcessEnded(child));
         ::kill(static_cast<pid_t>(run->processId()), row.signal);
@@ -83,22 +68,23 @@ TEST_P(LeftoverTest, CaptureProcessesEndWithTheCaptureOrTheRunner) {
     EXPECT_TRUE(EndsWithin(child, row.endsWithinMs));
 
     ASSERT_TRUE(run->waitForFinished(10000));
-    if (row.signal == SIGKILL) {
-        EXPECT_EQ(run->exitStatus(), QProcess::CrashExit);
-    } else {
-        EXPECT_EQ(run->exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(run->exitStatus(),
+              row.signal == SIGKILL ? QProcess::CrashExit : QProcess::NormalExit);
+    if (row.signal != SIGKILL) {
         EXPECT_EQ(run->exitCode(), 0) << run->readAllStandardError().toStdString();
+        seen += QString::fromUtf8(run->readAllStandardOutput());
+        EXPECT_TRUE(seen.contains("recording finished: \"Capture\"")) << seen.toStdString();
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, LeftoverTest,
-    testing::Values(
-        // The terminal closed: stopped as on SIGTERM.
-        Leftover{"HangUp", "30s", BACKGROUND_CHILD + "; wait", SIGHUP, 4000},
-        Leftover{"RunnerKilled", "30s", BACKGROUND_CHILD + "; wait", SIGKILL, 4000},
-        // The shell exits at once; its child must not run past the planned end (2 s).
-        Leftover{"CommandLeavesAChild", "2s", BACKGROUND_CHILD, 0, 5000}),
+    testing::Values(Leftover{"Terminated", "30s", BACKGROUND_CHILD + "; wait", SIGTERM, 4000},
+                    // The terminal closed: stopped as on SIGTERM.
+                    Leftover{"HangUp", "30s", BACKGROUND_CHILD + "; wait", SIGHUP, 4000},
+                    Leftover{"RunnerKilled", "30s", BACKGROUND_CHILD + "; wait", SIGKILL, 4000},
+                    // The shell exits at once; its child must not run past the planned end (2 s).
+                    Leftover{"CommandLeavesAChild", "2s", BACKGROUND_CHILD, 0, 5000}),
     [](const testing::TestParamInfo<Leftover>& info) { return std::string(info.param.name); });
 
 TEST_F(ProcessesTest, ReaderClosingThePipeEndsRunQuietly) {

@@ -63,16 +63,14 @@ TEST_P(AddTest, RefusesWhatCouldNotRunAndSaysWhatItDid) {
 INSTANTIATE_TEST_SUITE_P(
     Rows, AddTest,
     testing::Values(
-        AddRow{"TakenTitle", AddOf(Record("Planned", 9000, 60)), false, 1, "taken by \"Planned\""},
         AddRow{"TitleOfTheRunningCapture", AddOf(Record("Live", 9000, 60)), true, 1,
                "being recorded now"},
         // The scheduler keeps one record per start time: the second would vanish unrun.
         AddRow{"SameStartEvenWithAllowOverlap", AddOf(Record("Twin", 3600, 60), true), false, 1,
                "same moment"},
-        AddRow{"OverlapsThePlanned", AddOf(Record("New", 4000, 60)), false, 1, "overlaps"},
         AddRow{"OverlapsTheRunningCapture", AddOf(Record("New", 300, 60)), true, 1,
                "being recorded now"},
-        AddRow{"Over", AddOf(Record("Past", -600, 60)), false, 1, "already over"},
+        AddRow{"OverlapAllowed", AddOf(Record("Beside", 4000, 60), true), false, 0, "added"},
         AddRow{"BegunIsAccepted", AddOf(Record("Begun", -300, 3600), true), false, 0,
                "it has begun"},
         AddRow{"OffIsSaid", AddOf(Record("New", 9000, 60)), false, 0, "scheduling is off"}),

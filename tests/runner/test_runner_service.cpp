@@ -70,7 +70,7 @@ protected:
         address = FirstLine(Helper(
             "dbus-daemon", {"--config-file=" + config.fileName(), "--nofork", "--print-address"}));
         ASSERT_FALSE(address.isEmpty());
-        UseBuses(address);
+        busAddress = address;
         bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, "test"));
         ASSERT_TRUE(bus->isConnected());
     }

@@ -4,7 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include <glog/logging.h>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QRegularExpression>
@@ -12,6 +11,7 @@
 #include <QVariantMap>
 
 #include "BusCall.h"
+#include "Logging.h"
 
 namespace Vexlor::DesktopNotification {
 
@@ -88,8 +88,9 @@ struct DBusNotificationPresenter::Impl {
         const QDBusConnection bus = Platform::Bus::Connect(Platform::Bus::Kind::Session, timeout);
         const std::optional<QStringList> capabilities = QueryCapabilities(bus, deadline.Left());
         if (!capabilities) {
-            LOG(WARNING) << "DBusNotificationPresenter: no notification server answers; notice "
-                            "not shown";
+            qCWarning(
+                Platform::Bus::lcDBus,
+                "DBusNotificationPresenter: no notification server answers; notice not shown");
             return;
         }
         const bool markup = capabilities->contains(QStringLiteral("body-markup"));
@@ -108,8 +109,8 @@ struct DBusNotificationPresenter::Impl {
             Platform::Bus::Call(bus, Server(), QStringLiteral("Notify"), arguments, timeout);
         if (!Platform::Bus::IsReply(reply) || reply.arguments().size() != 1 ||
             reply.arguments().front().userType() != QMetaType::UInt) {
-            LOG(WARNING) << "DBusNotificationPresenter: Notify failed: "
-                         << Platform::Bus::Describe(reply);
+            qCWarning(Platform::Bus::lcDBus, "DBusNotificationPresenter: Notify failed: %s",
+                      Platform::Bus::Describe(reply).c_str());
             return;
         }
         shown[notification.get()] = Shown{notification, reply.arguments().front().toUInt()};
@@ -128,8 +129,9 @@ struct DBusNotificationPresenter::Impl {
         const QDBusMessage reply = Platform::Bus::Call(
             bus, Server(), QStringLiteral("CloseNotification"), {id}, deadline.Left());
         if (!Platform::Bus::IsReply(reply)) {
-            LOG(WARNING) << "DBusNotificationPresenter: CloseNotification failed: "
-                         << Platform::Bus::Describe(reply);
+            qCWarning(Platform::Bus::lcDBus,
+                      "DBusNotificationPresenter: CloseNotification failed: %s",
+                      Platform::Bus::Describe(reply).c_str());
         }
     }
 };

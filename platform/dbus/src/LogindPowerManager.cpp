@@ -2,12 +2,12 @@
 
 #include <utility>
 
-#include <glog/logging.h>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
 
 #include "BusCall.h"
+#include "Logging.h"
 
 namespace Vexlor::App {
 
@@ -47,21 +47,24 @@ struct LogindPowerManager::Impl {
         const Platform::Bus::Deadline deadline(timeout);
         const QDBusConnection bus = Platform::Bus::Connect(Platform::Bus::Kind::System, timeout);
         if (!bus.isConnected()) {
-            LOG(WARNING) << "LogindPowerManager: no system bus; the machine may sleep";
+            qCWarning(Platform::Bus::lcDBus,
+                      "LogindPowerManager: no system bus; the machine may sleep");
             return;
         }
         const QDBusMessage reply = Platform::Bus::Call(
             bus, Manager(), QStringLiteral("Inhibit"),
             {QStringLiteral("sleep"), who, why, QStringLiteral("block")}, deadline.Left());
         if (!Platform::Bus::IsReply(reply) || reply.arguments().size() != 1) {
-            LOG(WARNING) << "LogindPowerManager: Inhibit failed, the machine may sleep: "
-                         << Platform::Bus::Describe(reply);
+            qCWarning(Platform::Bus::lcDBus,
+                      "LogindPowerManager: Inhibit failed, the machine may sleep: %s",
+                      Platform::Bus::Describe(reply).c_str());
             return;
         }
         // Without descriptor passing on the connection the argument arrives empty.
         auto descriptor = reply.arguments().front().value<QDBusUnixFileDescriptor>();
         if (!descriptor.isValid()) {
-            LOG(WARNING) << "LogindPowerManager: Inhibit gave no descriptor; the machine may sleep";
+            qCWarning(Platform::Bus::lcDBus,
+                      "LogindPowerManager: Inhibit gave no descriptor; the machine may sleep");
             return;
         }
         lock = std::move(descriptor);

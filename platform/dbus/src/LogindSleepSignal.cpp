@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include <glog/logging.h>
 #include <QDBusConnection>
 #include <QObject>
 
 #include "BusCall.h"
+#include "Logging.h"
 
 namespace Vexlor::App {
 
@@ -61,8 +61,8 @@ std::unique_ptr<LogindSleepSignal> LogindSleepSignal::Create(Callback callback,
     }
     impl->receiver = std::make_unique<Receiver>(std::move(callback));
     if (!impl->Connect(true)) {
-        LOG(WARNING) << "LogindSleepSignal: cannot listen to " << SIGNAL_NAME << ": "
-                     << impl->bus.lastError().message().toStdString();
+        qCWarning(Platform::Bus::lcDBus, "LogindSleepSignal: cannot listen to %s: %s", SIGNAL_NAME,
+                  qUtf8Printable(impl->bus.lastError().message()));
         return nullptr;
     }
     return std::unique_ptr<LogindSleepSignal>(new LogindSleepSignal(std::move(impl)));
