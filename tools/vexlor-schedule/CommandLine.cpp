@@ -275,8 +275,7 @@ void DefineCommands(CLI::App& app, Invocation& invocation) {
     for (const Command& command : COMMANDS) {
         CLI::App* added = app.add_subcommand(command.word, command.summary);
         if (command.json) {
-            added->add_flag("--json", invocation.json,
-                            "Prints one JSON document instead.");
+            added->add_flag("--json", invocation.json, "Prints one JSON document instead.");
         }
     }
     // After the commands, which would inherit it.
