@@ -15,6 +15,8 @@ packages=(
   libsystemd-dev systemd
   # Real desktop services in the tests: logind mocked, and a notification server on Xvfb.
   python3-dbusmock dunst
+  # Where bash completions go (its pkg-config file), and fish to try the fish completion.
+  bash-completion fish
 )
 
 missing=()

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <QDateTime>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 
 #include "RunnerHarness.h"
@@ -66,6 +69,92 @@ TEST_F(RunnerTest, RecordDueDuringACaptureIsDroppedUnrun) {
     EXPECT_FALSE(run.out.contains("records dropped: \"Running\""));
     EXPECT_TRUE(ReadFile("environment.txt").startsWith("Running|"));
     EXPECT_EQ(ReadFile("environment.txt").count('\n'), 1);
+}
+
+// The one JSON document on standard output.
+QJsonValue JsonOf(const Outcome& outcome) {
+    EXPECT_EQ(outcome.exitCode, 0) << outcome.err.toStdString();
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(outcome.out.toUtf8(), &error);
+    EXPECT_TRUE(document.isObject())
+        << error.errorString().toStdString() << outcome.out.toStdString();
+    return document.object();
+}
+
+// An object with at least `fields`.
+void ExpectFields(const QJsonValue& value, const QStringList& fields) {
+    ASSERT_TRUE(value.isObject()) << QJsonDocument(QJsonObject{{"value", value}}).toJson().data();
+    for (const QString& field : fields) {
+        EXPECT_TRUE(value.toObject().contains(field)) << field.toStdString();
+    }
+}
+
+// A moment as local time with its offset, and the same moment in UTC.
+void ExpectTimes(const QJsonValue& object, const QString& name) {
+    const QString local = object[name].toString();
+    const QString utc = object[name + "Utc"].toString();
+    EXPECT_TRUE(local.endsWith("+01:00") || local.endsWith("+02:00")) << local.toStdString();
+    EXPECT_TRUE(utc.endsWith('Z')) << utc.toStdString();
+    EXPECT_EQ(QDateTime::fromString(local, Qt::ISODateWithMs),
+              QDateTime::fromString(utc, Qt::ISODateWithMs));
+}
+
+const QStringList RECORD_FIELDS{"title", "start", "startUtc", "durationMs", "tag", "mode"};
+
+// What only the active run knows reaches `status`; `stop` ends the capture and the engine
+// goes on to the next record.
+TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
+    environmentChanges["TZ"] = "Europe/Berlin";
+    const Outcome noRun = Run({"stop"});
+    EXPECT_EQ(noRun.exitCode, 1);
+    EXPECT_TRUE(noRun.err.contains("no run is active")) << noRun.err.toStdString();
+    Add({"Long one", "--in", "1s", "--for", "1h", "--tag", "4"});
+    Add({"Next", "--in", "6s", "--for", "1s", "--allow-overlap"});
+    Add({"Later", "--in", "4h", "--for", "1m", "--enable"});
+    auto run = Start({"run", "--exec", "sleep 600", "--notify", "console"});
+    QString seen;
+    ASSERT_TRUE(WaitForOutput(*run, seen, "started: \"Long one\"", 10000)) << seen.toStdString();
+
+    EXPECT_TRUE(Run({"status"}).out.contains("  began ")) << "and how it goes";
+    const QJsonObject recording = JsonOf(Run({"status", "--json"}))["run"]["recording"].toObject();
+    ExpectFields(recording, RECORD_FIELDS + QStringList{"began", "timeLeftMs", "file", "command"});
+    EXPECT_EQ(recording["title"], "Long one");
+    EXPECT_EQ(recording["tag"], 4);
+    EXPECT_EQ(recording["command"], "sleep 600");
+    EXPECT_EQ(recording["durationMs"], 3600000);
+    EXPECT_GT(recording["timeLeftMs"].toDouble(), 3500000);
+    ExpectTimes(recording, "began");
+
+    const Outcome stopped = Run({"stop"});
+    EXPECT_EQ(stopped.exitCode, 0) << stopped.err.toStdString();
+    EXPECT_TRUE(stopped.out.contains("stopped \"Long one\"")) << stopped.out.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "finished: \"Next\"", 15000)) << seen.toStdString();
+    EXPECT_TRUE(seen.contains("finished: \"Long one\", stopped")) << seen.toStdString();
+    const Outcome idle = Run({"stop"});
+    EXPECT_EQ(idle.exitCode, 1);
+    EXPECT_TRUE(idle.err.contains("nothing is being recorded")) << idle.err.toStdString();
+
+    // The notice for "Later" comes with the notice helper's next check, within 10 s.
+    ASSERT_TRUE(WaitForOutput(*run, seen, "Notice", 15000)) << seen.toStdString();
+    const QJsonValue live = JsonOf(Run({"status", "--json"}));
+    ExpectFields(live, {"enabled", "next", "run"});
+    ExpectFields(live["run"], {"recording", "notices", "nextCapture"});
+    EXPECT_TRUE(live["run"]["recording"].isNull());
+    ExpectFields(live["run"]["notices"][0], {"title", "text"});
+    ExpectFields(live["run"]["nextCapture"], {"title", "at", "atUtc", "inMs"});
+    EXPECT_EQ(live["run"]["nextCapture"]["title"], "Later");
+    const QJsonArray records = JsonOf(Run({"list", "--json"}))["records"].toArray();
+    ASSERT_EQ(records.size(), 1);
+    ExpectFields(records[0], RECORD_FIELDS);
+    ExpectTimes(records[0], "start");
+    EXPECT_EQ(records[0]["durationMs"], 60000);
+    Stop(*run);
+
+    const QJsonValue filed = JsonOf(Run({"status", "--json"}));
+    EXPECT_TRUE(filed["run"].isNull());
+    ExpectFields(filed["next"], RECORD_FIELDS + QStringList{"inMs"});
+    EXPECT_NEAR(filed["next"]["inMs"].toDouble(), 4 * 3600000, 60000);
+    EXPECT_EQ(JsonOf(Run({"list", "--json"}))["records"], QJsonArray(records));
 }
 
 // Refused by the schedule; what the command line refuses is in the parse table.

@@ -233,7 +233,7 @@ TEST(AddPlanTest, ChecksEveryOccurrenceWithinTheHorizon) {
     QK::RecordTime talk{QStringLiteral("Talk"), At("2030-01-03T10:15:00Z"),
                         Microseconds(1800 * SECOND)};
     const ScheduleState state{{talk}, true};
-    const EditContext context{At("2030-01-01T00:00:00Z"), std::nullopt};
+    const EditContext context{At("2030-01-01T00:00:00Z"), std::nullopt, std::nullopt};
 
     const EditOutcome refused =
         ApplyEdit(state, PlanRequest("Standup", "weekdays", "2030-01-01T10:00:00", false), context);

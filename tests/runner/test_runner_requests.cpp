@@ -49,7 +49,7 @@ class AddTest : public testing::TestWithParam<AddRow> {};
 // The schedule holds "Planned", one hour ahead for 30 min; scheduling is off.
 TEST_P(AddTest, RefusesWhatCouldNotRunAndSaysWhatItDid) {
     const ScheduleState state{{Record("Planned", 3600, 1800)}, false};
-    EditContext context{NOW, std::nullopt};
+    EditContext context{NOW, std::nullopt, std::nullopt};
     if (GetParam().recording) {
         context.recording = Record("Live", 0, 600);
     }
@@ -77,8 +77,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<AddRow>& info) { return std::string(info.param.name); });
 
 TEST(EditTest, AddWithEnableSwitchesOnAndSaysNothingOfIt) {
-    const EditOutcome outcome =
-        ApplyEdit({{}, false}, AddOf(Record("New", 60, 60), false, true), {NOW, std::nullopt});
+    const EditOutcome outcome = ApplyEdit({{}, false}, AddOf(Record("New", 60, 60), false, true),
+                                          {NOW, std::nullopt, std::nullopt});
     ASSERT_TRUE(outcome.changed);
     EXPECT_TRUE(outcome.changed->enabled);
     EXPECT_FALSE(outcome.out.contains("scheduling is off")) << outcome.out.toStdString();
@@ -90,14 +90,14 @@ TEST(EditTest, RemoveTakesOnlyThatTitleAndRefusesAnUnknownOne) {
     EditRequest remove;
     remove.command = CommandName::Remove;
     remove.title = QStringLiteral("B");
-    const EditOutcome removed = ApplyEdit(state, remove, {NOW, std::nullopt});
+    const EditOutcome removed = ApplyEdit(state, remove, {NOW, std::nullopt, std::nullopt});
     ASSERT_TRUE(removed.changed);
     EXPECT_EQ(removed.changed->schedule,
               (QK::RecordTimeList{Record("A", 60, 10), Record("C", 180, 10)}));
     EXPECT_TRUE(removed.changed->enabled);
 
     remove.title = QStringLiteral("b");
-    const EditOutcome refused = ApplyEdit(state, remove, {NOW, std::nullopt});
+    const EditOutcome refused = ApplyEdit(state, remove, {NOW, std::nullopt, std::nullopt});
     EXPECT_EQ(refused.exitCode, EXIT_REFUSED);
     EXPECT_FALSE(refused.changed);
 }

@@ -164,13 +164,14 @@ std::string Outcome(const ParseResult& parsed) {
         return "refused: " + parsed.error.toStdString();
     }
     const Invocation& invocation = *parsed.invocation;
-    const char* const names[] = {"add",    "list", "remove", "clear",  "enable", "disable",
-                                 "status", "run",  "help",   "import", "export", "upcoming"};
+    const char* const names[] = {"add",     "list",   "remove",   "clear",   "enable",
+                                 "disable", "status", "stop",     "run",     "help",
+                                 "import",  "export", "upcoming", "complete"};
     QStringList fields;
     if (invocation.settingsFile) {
         fields << "settings=" + *invocation.settingsFile;
     }
-    fields << names[static_cast<int>(invocation.command)];
+    fields << names[static_cast<int>(invocation.command)] << (invocation.json ? "json" : "");
     const AddOptions& add = invocation.add;
     if (invocation.command == CommandName::Add) {
         fields << add.title
@@ -263,6 +264,10 @@ INSTANTIATE_TEST_SUITE_P(
         ArgumentsRow{"Clear", {"clear"}, "clear"}, ArgumentsRow{"Enable", {"enable"}, "enable"},
         ArgumentsRow{"Disable", {"disable"}, "disable"},
         ArgumentsRow{"Status", {"status"}, "status"},
+        ArgumentsRow{"StatusJson", {"status", "--json"}, "status json"},
+        ArgumentsRow{"ListJson", {"list", "--json"}, "list json"},
+        ArgumentsRow{"AddTakesNoJson", {"add", "T", "--in", "1h", "--json"}, "refused: --json"},
+        ArgumentsRow{"Stop", {"stop"}, "stop"},
         ArgumentsRow{"Help", {"help"}, "help Usage: vexlor-schedule [OPTIONS] [SUBCOMMAND]"},
         ArgumentsRow{"HelpOption", {"-h"}, "help Usage: vexlor-schedule [OPTIONS] [SUBCOMMAND]"},
         ArgumentsRow{
@@ -349,6 +354,48 @@ INSTANTIATE_TEST_SUITE_P(
                      "add --x= in=1h for=0 tag=-1 mode=0"},
         ArgumentsRow{"RunBlankExec", {"run", "--exec", " "}, "refused: --exec: needs a command"}),
     [](const testing::TestParamInfo<ArgumentsRow>& info) { return std::string(info.param.name); });
+
+// What the shells' helper offers for the last word: "files", "folders", or the words, with
+// "+titles" when the stored titles go with them.
+struct CompletionRow {
+    const char* name;
+    QStringList words;
+    const char* offered;
+};
+
+TEST(CompleteCommandLineTest, OffersWhatTheCommandLineTakesThere) {
+    const CompletionRow rows[] = {
+        {"Commands",
+         {"st"},
+         "add import export upcoming list remove clear enable disable status stop run help"},
+        {"GlobalOptions", {"-"}, "--help --settings"},
+        {"SettingsFile", {"--settings", ""}, "files"},
+        {"AfterSettings", {"--settings", "a b.ini", "remove", ""}, "+titles"},
+        {"OutputFolder", {"run", "--capture", "screen", "--output", ""}, "folders"},
+        {"Values", {"run", "--notify", "c"}, "desktop console none"},
+        {"ValuesAfterSplitEquals", {"run", "--capture", "=", ""}, "screen simulate"},
+        {"ValuesAfterEquals",
+         {"run", "--mode=", "--capture="},
+         "--capture=screen --capture=simulate"},
+        {"CommandOptions", {"status", "-"}, "--help --json"},
+        {"OneTitleOnly", {"remove", "A", ""}, ""},
+        {"NoTitlesForAdd", {"add", ""}, ""},
+        {"DashedTitlesAfterDashes", {"remove", "--", "-"}, "+titles+dashed"},
+    };
+    for (const CompletionRow& row : rows) {
+        const Completion completion = CompleteCommandLine(row.words);
+        const char* const kinds[] = {"", "files", "folders"};
+        QStringList offered = completion.words;
+        offered.prepend(kinds[completion.kind]);
+        QString said = offered.join(' ').trimmed();
+        said += completion.titles ? "+titles" : "";
+        said += completion.titlesAfterDashes ? "+dashed" : "";
+        EXPECT_EQ(said.toStdString(), row.offered) << row.name;
+        EXPECT_EQ(completion.settingsFile.value_or(""),
+                  row.name == std::string("AfterSettings") ? QStringLiteral("a b.ini") : QString())
+            << row.name;
+    }
+}
 
 // Linux refuses an environment string over 32 pages, NUL included; the capture command gets
 // the title as VEXLOR_TITLE=<title>.

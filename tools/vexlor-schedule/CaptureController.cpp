@@ -47,6 +47,7 @@ void CaptureController::SendStimulus(ExternalStimulus::Stimulus stimulus) {
     }
     requested = true;
     capturing = true;
+    startedRecord.reset();
     scheduler->BeforeCaptureStarted(nullptr, QK::CaptureSettings{}, {});
     // Later, as a gateway does: the scheduler still has to take the record off its list.
     QMetaObject::invokeMethod(
@@ -75,6 +76,10 @@ void CaptureController::OnScheduledCaptureStarted(const QK::RecordTime& record) 
     startedRecord = record;
 }
 
+std::optional<LiveCapture> CaptureController::Live() const {
+    return capturing ? live : std::nullopt;
+}
+
 void CaptureController::Begin(const QK::RecordTime& record, Time::TimePoint now) {
     currentTitle = record.title;
     std::optional<Time::TimePoint> plannedEnd;
@@ -82,6 +87,9 @@ void CaptureController::Begin(const QK::RecordTime& record, Time::TimePoint now)
         // Begun late, the record carries what is left of its duration, counted from now;
         // begun ahead of its start (a lead time), its full duration from the start.
         plannedEnd = Core::SaturatingAdd(std::max(record.startTime, now), record.duration);
+    }
+    live = LiveCapture{record, now, plannedEnd, {}, screen ? std::optional<QString>() : command};
+    if (plannedEnd) {
         // ffmpeg ends by itself at the end of its window; stopped at once, it could miss the
         // last frame.
         const Time::TimePoint stopAt =
@@ -127,6 +135,7 @@ void CaptureController::BeginScreen(const QK::RecordTime& record,
         Finish(QStringLiteral("nothing recorded: %1").arg(error));
         return;
     }
+    live->file = recording->Path();
     printer.RecordingStarted(record, recording->Path());
     process = std::make_unique<CaptureProcess>(
         [this](const QString&) { Finish(recording->Outcome(*process)); });
@@ -156,7 +165,14 @@ void CaptureController::Stop(std::function<void()> done) {
         done();
         return;
     }
-    afterStop = std::move(done);
+    if (afterStop) {
+        afterStop = [first = std::move(afterStop), second = std::move(done)] {
+            first();
+            second();
+        };
+    } else {
+        afterStop = std::move(done);
+    }
     if (requested) {
         printer.Line(QStringLiteral("stopped before the requested recording began"));
         Finish(QString());
@@ -184,6 +200,7 @@ void CaptureController::Finish(const QString& how) {
     // The finished process object stays until the next capture: this may run inside its
     // own signal.
     capturing = false;
+    live.reset();
     scheduler->AfterCaptureStopped(nullptr);
     if (afterStop) {
         auto done = std::move(afterStop);

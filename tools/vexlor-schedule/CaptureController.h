@@ -10,6 +10,7 @@
 
 #include "CaptureProcess.h"
 #include "EventPrinter.h"
+#include "ScheduleRequests.h"
 #include "ScreenCapture.h"
 #include "interfaces/Gateway.h"
 #include "interfaces/IScheduler.h"
@@ -53,11 +54,16 @@ public:
         return capturing ? startedRecord : std::nullopt;
     }
 
+    // The capture running now, with when it began and where it goes; nothing while none
+    // runs or one is requested and has not begun.
+    std::optional<LiveCapture> Live() const;
+
     // No capture runs and none is on its way.
     bool IsIdle() const { return !capturing; }
 
     // Ends a running capture (the command gets SIGTERM, SIGKILL 5 s later) and calls `done`
-    // once it has ended and the scheduler was told; at once when none runs.
+    // once it has ended and the scheduler was told; at once when none runs. A second Stop
+    // while the first waits calls both.
     void Stop(std::function<void()> done);
 
 private:
@@ -80,6 +86,7 @@ private:
     bool capturing = false;  // from the request to AfterCaptureStopped
     std::optional<QK::RecordTime> startedRecord;
     QString currentTitle;
+    std::optional<LiveCapture> live;
     QTimer durationTimer;
     QDeadlineTimer captureEnd;
     std::unique_ptr<ScreenRecording> recording;

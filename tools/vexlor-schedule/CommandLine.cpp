@@ -266,30 +266,51 @@ struct Command {
     const char* word;
     CommandName name;
     const char* summary;
+    bool json;    // --json
+    bool titles;  // its TITLE names a stored record
 };
 const Command COMMANDS[] = {
-    {"add", CommandName::Add, "Plans a recording."},
+    {"add", CommandName::Add, "Plans a recording.", false, false},
     {"import", CommandName::Import,
      "Takes the events of a calendar file: those with an RRULE\n"
      "become plans, the others recordings. Importing it again\n"
-     "updates them by UID."},
-    {"export", CommandName::Export, "Writes every plan and recording as a calendar."},
-    {"upcoming", CommandName::Upcoming, "Prints the next recordings, plans expanded, local time."},
+     "updates them by UID.",
+     false, false},
+    {"export", CommandName::Export, "Writes every plan and recording as a calendar.", false, false},
+    {"upcoming", CommandName::Upcoming, "Prints the next recordings, plans expanded, local time.",
+     false, false},
     {"list", CommandName::List,
      "Prints the stored schedule, one line per record: local\n"
-     "start, duration, title, tag, mode."},
-    {"remove", CommandName::Remove, "Removes the record with this title."},
-    {"clear", CommandName::Clear, "Removes every record."},
-    {"enable", CommandName::Enable, "Switches scheduling on."},
-    {"disable", CommandName::Disable, "Switches scheduling off."},
+     "start, duration, title, tag, mode.",
+     true, false},
+    {"remove", CommandName::Remove, "Removes the record with this title.", false, true},
+    {"clear", CommandName::Clear, "Removes every record.", false, false},
+    {"enable", CommandName::Enable, "Switches scheduling on.", false, false},
+    {"disable", CommandName::Disable, "Switches scheduling off.", false, false},
     {"status", CommandName::Status,
      "Prints the enabled flag, the recording in progress (with\n"
-     "a run active), the next recording and the time until it."},
+     "a run active), the next recording and the time until it;\n"
+     "a run also tells the notices shown and its next capture.",
+     true, false},
+    {"stop", CommandName::Stop,
+     "Ends the recording in progress now; the run goes on\n"
+     "with the next one.",
+     false, false},
     {"run", CommandName::Run,
      "Runs the scheduler: starts each recording when it is due\n"
-     "and prints a line per event."},
-    {"help", CommandName::Help, "Lists the commands."},
+     "and prints a line per event.",
+     false, false},
+    {"help", CommandName::Help, "Lists the commands.", false, false},
 };
+
+const Command* CommandOf(const CLI::App* command) {
+    for (const Command& known : COMMANDS) {
+        if (command && command->get_name() == known.word) {
+            return &known;
+        }
+    }
+    return nullptr;
+}
 
 // The commands with their options and help; CLI11 reads the values into `invocation` as it
 // parses.
@@ -302,7 +323,10 @@ void DefineCommands(CLI::App& app, Invocation& invocation, QString& atProblem) {
     AddValue(&app, "--settings", "FILE", "The settings file; comes before the command.",
              TextInto(invocation.settingsFile, QStringLiteral("needs a file")));
     for (const Command& command : COMMANDS) {
-        app.add_subcommand(command.word, command.summary);
+        CLI::App* added = app.add_subcommand(command.word, command.summary);
+        if (command.json) {
+            added->add_flag("--json", invocation.json, "Prints one JSON document instead.");
+        }
     }
     // After the commands, which would inherit it.
     app.footer(
@@ -329,9 +353,119 @@ void DefineCommands(CLI::App& app, Invocation& invocation, QString& atProblem) {
     DefineRun(app.get_subcommand("run"), invocation.run);
 }
 
+// Not a command of --help: the completion scripts call it.
+constexpr const char* COMPLETE_WORD = "__complete";
+
+// The option of `scope` written as `word` ("--notify", "-h"), if any.
+const CLI::Option* OptionNamed(const CLI::App& scope, const std::string& word) {
+    for (const CLI::Option* option : scope.get_options()) {
+        if (option->nonpositional() && option->check_name(word)) {
+            return option;
+        }
+    }
+    return nullptr;
+}
+
+// The values an option takes: those of a type name such as "screen|simulate", or files.
+Completion ValuesOf(const CLI::Option& option, const QString& prefix) {
+    const QString type = QString::fromStdString(option.get_type_name());
+    Completion values;
+    if (type == QLatin1String("FILE") || type == QLatin1String("DIR")) {
+        values.kind = type == QLatin1String("FILE") ? Completion::Files : Completion::Folders;
+        return values;
+    }
+    if (type.contains(QLatin1Char('|')) && !type.contains(QLatin1Char('"'))) {
+        for (const QString& value : type.split(QLatin1Char('|'))) {
+            values.words << prefix + value;
+        }
+    }
+    return values;
+}
+
 }  // namespace
 
+Completion CompleteCommandLine(const QStringList& words) {
+    Invocation unused;
+    QString unusedProblem;
+    CLI::App app("", "vexlor-schedule");
+    DefineCommands(app, unused, unusedProblem);
+    const CLI::App* command = nullptr;
+    const CLI::Option* pending = nullptr;  // waits for its value
+    std::optional<QString> settingsFile;
+    bool afterDashes = false;
+    int positionals = 0;
+    const QString current = words.isEmpty() ? QString() : words.back();
+    for (int i = 0; i + 1 < words.size(); ++i) {
+        const QString& word = words[i];
+        const CLI::App& scope = command ? *command : app;
+        if (pending) {
+            // bash splits "--notify=none" into three words.
+            if (word != QLatin1String("=")) {
+                if (pending->check_name("--settings")) {
+                    settingsFile = word;
+                }
+                pending = nullptr;
+            }
+        } else if (!afterDashes && word == QLatin1String("--")) {
+            afterDashes = true;
+        } else if (!afterDashes && word.startsWith(QLatin1Char('-'))) {
+            const int equals = word.indexOf(QLatin1Char('='));
+            const CLI::Option* option = OptionNamed(scope, word.left(equals).toStdString());
+            if (option && option->get_expected_min() > 0) {
+                if (equals < 0) {
+                    pending = option;
+                } else if (option->check_name("--settings")) {
+                    settingsFile = word.mid(equals + 1);
+                }
+            }
+        } else if (!command) {
+            for (const Command& known : COMMANDS) {
+                if (word == QLatin1String(known.word)) {
+                    command = app.get_subcommand(known.word);
+                }
+            }
+        } else {
+            ++positionals;
+        }
+    }
+    const CLI::App& scope = command ? *command : app;
+    Completion completion;
+    const int equals = current.indexOf(QLatin1Char('='));
+    if (pending) {
+        completion = ValuesOf(*pending, {});
+    } else if (!afterDashes && current.startsWith(QLatin1String("--")) && equals > 0) {
+        if (const CLI::Option* option = OptionNamed(scope, current.left(equals).toStdString())) {
+            completion = ValuesOf(*option, current.left(equals + 1));
+        }
+    } else if (!afterDashes && current.startsWith(QLatin1Char('-'))) {
+        for (const CLI::Option* option : scope.get_options()) {
+            for (const std::string& name : option->get_lnames()) {
+                completion.words << QString::fromStdString("--" + name);
+            }
+        }
+    } else if (!command) {
+        for (const Command& known : COMMANDS) {
+            completion.words << QString::fromLatin1(known.word);
+        }
+    } else if (const Command* known = CommandOf(command)) {
+        completion.titles = known->titles && positionals == 0;
+        // A title that starts with - is read as an option unless it comes after --.
+        completion.titlesAfterDashes = afterDashes;
+    }
+    completion.settingsFile = settingsFile;
+    return completion;
+}
+
 ParseResult ParseCommandLine(const QList<QByteArray>& arguments) {
+    if (!arguments.isEmpty() && arguments.front() == COMPLETE_WORD) {
+        // The shells' helper: it takes what was typed, whatever that is.
+        Invocation invocation;
+        invocation.command = CommandName::Complete;
+        for (int i = 1; i < arguments.size(); ++i) {
+            invocation.words << QString::fromUtf8(arguments[i]);
+        }
+        return {invocation, {}};
+    }
     std::vector<std::string> backwards;  // as CLI11 takes them
     bool options = true;                 // until "--"
     for (int i = 0; i < arguments.size(); ++i) {

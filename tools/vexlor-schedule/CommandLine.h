@@ -12,6 +12,7 @@
 
 namespace Vexlor::ScheduleTool {
 
+// Stop and the commands before it go to an active run; Complete is the shells' hidden helper.
 enum class CommandName {
     Add,
     List,
@@ -20,11 +21,13 @@ enum class CommandName {
     Enable,
     Disable,
     Status,
+    Stop,
     Run,
     Help,
     Import,
     Export,
-    Upcoming
+    Upcoming,
+    Complete
 };
 
 enum class NoticeChoice { Desktop, Console, None };
@@ -64,6 +67,8 @@ struct Invocation {
     QString calendarFile;  // import FILE, export [FILE]
     int count = 10;        // upcoming --count
     QString helpText;      // CommandName::Help: what to print
+    bool json = false;     // list, status: one JSON document instead of lines
+    QStringList words;     // CommandName::Complete: the words typed so far, the last one partly
 };
 
 struct ParseResult {
@@ -75,5 +80,17 @@ struct ParseResult {
 // must be UTF-8, so that nothing is silently replaced on the way in. "--help" after a command,
 // or alone, gives CommandName::Help with that command's help text.
 ParseResult ParseCommandLine(const QList<QByteArray>& arguments);
+
+// What may stand in the last of `words` (the arguments typed so far after the program's name,
+// the last one being completed), from the commands and options that ParseCommandLine knows,
+// so that a new command or option completes with no change to the shells' scripts.
+struct Completion {
+    enum Kind { Words, Files, Folders } kind = Words;
+    QStringList words;
+    bool titles = false;                  // the titles of the stored records as well
+    bool titlesAfterDashes = false;       // and those starting with -, which only -- lets through
+    std::optional<QString> settingsFile;  // --settings, when typed
+};
+Completion CompleteCommandLine(const QStringList& words);
 
 }  // namespace Vexlor::ScheduleTool

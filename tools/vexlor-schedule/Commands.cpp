@@ -7,6 +7,9 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QLocalSocket>
 #include <QSaveFile>
 
@@ -65,7 +68,7 @@ int PrintTo(const QString& file, EditOutcome outcome) {
 
 // No run is active and the edit lock is held: read, edit and write the file here.
 EditOutcome EditFile(const QString& path, const EditRequest& request) {
-    const EditContext context{Time::SystemClock().Now(), std::nullopt};
+    const EditContext context{Time::SystemClock().Now(), std::nullopt, std::nullopt};
     StoredSettings stored;
     try {
         stored = ReadStoredSettings(path);
@@ -87,7 +90,8 @@ EditOutcome EditFile(const QString& path, const EditRequest& request) {
     return outcome;
 }
 
-EditOutcome Edit(const ScheduleLocation& location, const EditRequest& request) {
+// Hands the request to the active run, or carries it out on the file when none is active.
+EditOutcome Ask(const ScheduleLocation& location, const EditRequest& request) {
     const QByteArray encoded = EncodeRequest(request);
     // A run that ends between our connect and its answer never took the edit; the next
     // round finds the socket gone and edits the file.
@@ -95,6 +99,11 @@ EditOutcome Edit(const ScheduleLocation& location, const EditRequest& request) {
         FileLock lock = FileLock::Take(location.editLockPath, EDIT_LOCK_PATIENCE);
         QLocalSocket socket;
         if (!ControlClient::Connect(socket, location.socketPath)) {
+            if (request.command == CommandName::Stop) {
+                return Failure(
+                    QStringLiteral("no run is active on %1, so nothing is being recorded")
+                        .arg(location.settingsPath));
+            }
             return EditFile(location.settingsPath, request);
         }
         // The run owns the schedule; it takes the edit lock only while it starts and never
@@ -118,12 +127,49 @@ EditOutcome Edit(const ScheduleLocation& location, const EditRequest& request) {
     return Failure(QStringLiteral("the running scheduler kept going away before it answered"));
 }
 
+// The shells' helper: a line naming what to complete (words, files or folders), then one
+// candidate per line. Quiet on failure: a shell shows what it gets.
+int Complete(const QStringList& words) {
+    const Completion completion = CompleteCommandLine(words);
+    const char* const kinds[] = {"words", "files", "folders"};
+    QStringList lines{QString::fromLatin1(kinds[completion.kind])};
+    lines += completion.words;
+    if (completion.titles) {
+        try {
+            EditRequest list;
+            list.command = CommandName::List;
+            list.json = true;
+            const EditOutcome listed =
+                Ask(LocateSchedule(SettingsPathForProcess(completion.settingsFile)), list);
+            const QJsonArray records = QJsonDocument::fromJson(listed.out.toUtf8())
+                                           .object()
+                                           .value(QStringLiteral("records"))
+                                           .toArray();
+            for (const QJsonValue& record : records) {
+                const QString title = record.toObject().value(QStringLiteral("title")).toString();
+                // One line per candidate; a title that starts with - needs -- before it.
+                if (!title.contains(QLatin1Char('\n')) &&
+                    (completion.titlesAfterDashes || !title.startsWith(QLatin1Char('-')))) {
+                    lines << title;
+                }
+            }
+        } catch (const std::exception&) {
+            // No titles, the rest all the same.
+        }
+    }
+    std::fputs((lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8().constData(), stdout);
+    return EXIT_DONE;
+}
+
 }  // namespace
 
 int Execute(const Invocation& invocation) {
     if (invocation.command == CommandName::Help) {
         std::fputs(invocation.helpText.toUtf8().constData(), stdout);
         return EXIT_DONE;
+    }
+    if (invocation.command == CommandName::Complete) {
+        return Complete(invocation.words);
     }
     const QString path = SettingsPathForProcess(invocation.settingsFile);
     try {
@@ -145,7 +191,7 @@ int Execute(const Invocation& invocation) {
         }
         const QString exportFile =
             invocation.command == CommandName::Export ? invocation.calendarFile : QString();
-        return PrintTo(exportFile, Edit(location, request));
+        return PrintTo(exportFile, Ask(location, request));
     } catch (const std::exception& error) {
         return Fail(QString::fromLocal8Bit(error.what()));
     }

@@ -38,6 +38,11 @@ QString FormatIsoTime(Time::TimePoint time) {
     return local->toOffsetFromUtc(local->offsetFromUtc()).toString(Qt::ISODateWithMs);
 }
 
+QString FormatUtcTime(Time::TimePoint time) {
+    const auto local = ToLocal(time);
+    return local ? local->toUTC().toString(Qt::ISODateWithMs) : RawMicros(time);
+}
+
 QString QuoteTitle(const QString& title) {
     QString quoted = QStringLiteral("\"");
     for (const QChar c : title) {

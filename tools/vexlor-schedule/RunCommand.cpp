@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <deque>
 #include <exception>
+#include <map>
 #include <memory>
 
 #include <QCoreApplication>
@@ -60,6 +61,55 @@ constexpr qint64 DEFER_LIMIT_MS = 2000;
 // so a minute late costs nothing.
 constexpr int PLAN_TOP_UP_MS = 60000;
 
+// Keeps what the presenters it wraps have on the screen, for `status`.
+class NoticeBoard {
+public:
+    using IPresenter = DesktopNotification::IPresenter;
+    using INotification = DesktopNotification::INotification;
+
+    DesktopNotification::Presenter::Factory::Creator Watch(
+        DesktopNotification::Presenter::Factory::Creator inner) {
+        return [shown = shown, inner = std::move(inner)](int style, int priority,
+                                                         const QString& category) {
+            return std::make_shared<Watcher>(inner(style, priority, category), shown);
+        };
+    }
+
+    QList<LiveNotice> Shown() const {
+        QList<LiveNotice> notices;
+        for (const auto& [notification, notice] : *shown) {
+            notices << notice;
+        }
+        return notices;
+    }
+
+private:
+    using Map = std::map<const INotification*, LiveNotice>;
+
+    class Watcher : public IPresenter {
+    public:
+        Watcher(std::shared_ptr<IPresenter> inner, std::shared_ptr<Map> shown)
+            : inner(std::move(inner)), shown(std::move(shown)) {}
+        void Show(std::shared_ptr<INotification> notification) override {
+            inner->Show(notification);
+            (*shown)[notification.get()] = {notification->GetTitleText().simplified(),
+                                            notification->GetInformationText().simplified()};
+        }
+        void Hide(std::shared_ptr<INotification> notification) override {
+            inner->Hide(notification);
+            shown->erase(notification.get());
+        }
+        bool SupportsFeature(int feature) const override { return inner->SupportsFeature(feature); }
+
+    private:
+        std::shared_ptr<IPresenter> inner;
+        std::shared_ptr<Map> shown;
+    };
+
+    // Shared with the presenters, which the factory's users may keep past the session.
+    std::shared_ptr<Map> shown = std::make_shared<Map>();
+};
+
 class RunSession {
 public:
     RunSession(const ScheduleLocation& location, const RunOptions& options,
@@ -70,7 +120,10 @@ public:
     RunSession& operator=(const RunSession&) = delete;
 
 private:
-    QByteArray HandleRequest(const QByteArray& bytes);
+    void Serve(const QByteArray& bytes, std::function<void(const QByteArray&)> answer);
+    QByteArray HandleRequest(const EditRequest& request);
+    void StopRecording(std::function<void(const QByteArray&)> answer);
+    LiveState Live() const;
     void ApplyState(const ScheduleState& state);
     void OnFileChanged();
     bool DueSoon() const;
@@ -103,6 +156,7 @@ private:
     // The scheduler holds the controller as its gateway, so the controller outlives it.
     std::shared_ptr<CaptureController> controller;
     std::shared_ptr<QK::Scheduler> scheduler;
+    NoticeBoard noticeBoard;
     std::unique_ptr<QK::NotificationHelper> notices;
     std::unique_ptr<SettingsWatcher> watcher;
     std::unique_ptr<SignalRelay> signalRelay;
@@ -159,9 +213,11 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
     drops.SetKnown(caughtUp);
     settings->RegisterEventHandler(&drops);
 
+    const NoticeChoice noticeChoice = options.notice.value_or(DefaultNoticeChoice());
+    auto presenters =
+        MakePresenterCreator(noticeChoice, [this](const QString& line) { printer.Notice(line); });
     DesktopNotification::Presenter::Factory::GetInstance().SetCreator(
-        MakePresenterCreator(options.notice.value_or(DefaultNoticeChoice()),
-                             [this](const QString& line) { printer.Notice(line); }));
+        noticeChoice == NoticeChoice::None ? presenters : noticeBoard.Watch(std::move(presenters)));
 
     controller = std::make_shared<CaptureController>(
         printer, options.exec, [this] { CheckIdle(); }, std::move(screen), options.lead);
@@ -187,19 +243,7 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
     control = std::make_unique<ControlServer>(
         location.socketPath,
         [this](const QByteArray& request, std::function<void(const QByteArray&)> answer) {
-            WhenSafe([this, request, answer = std::move(answer)] {
-                try {
-                    answer(HandleRequest(request));
-                } catch (const std::exception& error) {
-                    // The edit failed, the run goes on.
-                    answer(EncodeOutcome({EXIT_REFUSED,
-                                          {},
-                                          QStringLiteral("the running scheduler failed to carry "
-                                                         "out the edit: %1\n")
-                                              .arg(QString::fromLocal8Bit(error.what())),
-                                          std::nullopt}));
-                }
-            });
+            Serve(request, std::move(answer));
         });
 
     printer.SchedulerStarted(scheduler->IsEnabled(), scheduler->GetSchedule().size());
@@ -232,28 +276,82 @@ RunSession::~RunSession() {
     scheduler.reset();
 }
 
-// An edit from another process, on the schedule this process runs.
-QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
+// A request from another process.
+void RunSession::Serve(const QByteArray& bytes, std::function<void(const QByteArray&)> answer) {
     const auto request = DecodeRequest(bytes);
     if (!request) {
-        return EncodeOutcome({EXIT_USAGE,
+        answer(EncodeOutcome({EXIT_USAGE,
                               {},
                               QStringLiteral("the running scheduler could not read the request\n"),
-                              std::nullopt});
+                              std::nullopt}));
+        return;
     }
+    if (request->command == CommandName::Stop) {
+        StopRecording(std::move(answer));  // changes no schedule, so it need not wait
+        return;
+    }
+    WhenSafe([this, request = *request, answer = std::move(answer)] {
+        try {
+            answer(HandleRequest(request));
+        } catch (const std::exception& error) {
+            // The edit failed, the run goes on.
+            answer(EncodeOutcome(
+                {EXIT_REFUSED,
+                 {},
+                 QStringLiteral("the running scheduler failed to carry out the edit: %1\n")
+                     .arg(QString::fromLocal8Bit(error.what())),
+                 std::nullopt}));
+        }
+    });
+}
+
+// `stop`: the capture ends as at the planned end, so the engine goes on to the next record.
+void RunSession::StopRecording(std::function<void(const QByteArray&)> answer) {
+    const std::optional<QK::RecordTime> recording = controller->CurrentRecord();
+    if (controller->IsIdle()) {
+        answer(EncodeOutcome(
+            {EXIT_REFUSED, {}, QStringLiteral("nothing is being recorded\n"), std::nullopt}));
+        return;
+    }
+    printer.Line(QStringLiteral("stop requested"));
+    controller->Stop([this, recording, answer = std::move(answer)] {
+        answer(EncodeOutcome(
+            {EXIT_DONE,
+             recording ? QStringLiteral("stopped %1\n").arg(DescribeRecord(*recording))
+                       : QStringLiteral("stopped the requested recording before it began\n"),
+             {},
+             std::nullopt}));
+        CheckIdle();
+    });
+}
+
+LiveState RunSession::Live() const {
+    LiveState live;
+    live.capture = controller->Live();
+    live.notices = noticeBoard.Shown();
+    const QK::RecordTimeList planned = scheduler->GetSchedule();
+    if (scheduler->IsEnabled() && !planned.empty()) {
+        live.nextRecord = planned.front();
+        live.nextCaptureAt = Core::SaturatingSub(planned.front().startTime, lead);
+    }
+    return live;
+}
+
+// An edit from another process, on the schedule this process runs.
+QByteArray RunSession::HandleRequest(const EditRequest& request) {
     const ScheduleState current = Current();
-    const EditContext editContext{clock.Now(), controller->CurrentRecord()};
-    EditOutcome outcome = ApplyEdit(current, *request, editContext);
+    const EditContext editContext{clock.Now(), controller->CurrentRecord(), Live()};
+    EditOutcome outcome = ApplyEdit(current, request, editContext);
     if (!outcome.changed) {
         return EncodeOutcome(outcome);
     }
     printer.ScheduleReloaded(outcome.changed->enabled, outcome.changed->schedule.size());
     ApplyState(*outcome.changed);
     TellStatus(scheduler->IsEnabled(), scheduler->GetSchedule().size());
-    if (request->command == CommandName::Add && request->rule.isEmpty()) {
+    if (request.command == CommandName::Add && request.rule.isEmpty()) {
         const QK::RecordTimeList running = scheduler->GetSchedule();
         const bool kept = std::any_of(running.begin(), running.end(), [&](const QK::RecordTime& r) {
-            return r.title == request->record.title;
+            return r.title == request.record.title;
         });
         if (!kept) {
             const QString why =
@@ -265,7 +363,7 @@ QByteArray RunSession::HandleRequest(const QByteArray& bytes) {
             outcome = {EXIT_REFUSED,
                        {},
                        QStringLiteral("the running scheduler could not take %1: %2\n")
-                           .arg(DescribeRecord(request->record), why),
+                           .arg(DescribeRecord(request.record), why),
                        std::nullopt};
         }
     }

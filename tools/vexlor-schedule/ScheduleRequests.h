@@ -25,6 +25,7 @@ struct EditRequest {
     QByteArray calendar;  // import: the file's bytes
     QString source;       // import: the file
     int count = 10;       // upcoming
+    bool json = false;    // list, status
 };
 
 EditRequest MakeEditRequest(const Invocation& invocation, Time::TimePoint now);
@@ -39,9 +40,33 @@ struct ScheduleState {
     PlanBook plans{};
 };
 
+// What an active run knows that the file does not.
+struct LiveCapture {
+    QK::RecordTime record;  // its duration: what was left of it when it began
+    Time::TimePoint began;
+    std::optional<Time::TimePoint> plannedEnd;
+    QString file;                    // a screen capture's
+    std::optional<QString> command;  // --exec
+};
+
+struct LiveNotice {
+    QString title;
+    QString text;
+};
+
+struct LiveState {
+    std::optional<LiveCapture> capture;
+    QList<LiveNotice> notices;  // shown and not withdrawn yet
+    // The record whose capture the scheduler's poll begins next, and when (its start less
+    // the lead time); none while scheduling is off.
+    std::optional<QK::RecordTime> nextRecord;
+    Time::TimePoint nextCaptureAt;
+};
+
 struct EditContext {
     Time::TimePoint now;
     std::optional<QK::RecordTime> recording;  // the capture running now, if any
+    std::optional<LiveState> live;            // set when the active run answers
 };
 
 struct EditOutcome {
