@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -72,6 +73,56 @@ TEST_F(IniSettingsTest, FailuresNameTheSystemsReason) {
     EXPECT_THAT(FailureOf([&] { underAFile.setBool("key", true); }),
                 HasSubstr("write failed: Not a directory"));
 }
+
+struct Rewrite {
+    const char* name;
+    bool inPlace;  // else a new file renamed over the old one
+    bool aged;     // the file is older than the trust margin when first read
+};
+
+void PrintTo(const Rewrite& row, std::ostream* out) {
+    *out << row.name;
+}
+
+class RewriteTest : public IniSettingsTest, public testing::WithParamInterface<Rewrite> {};
+
+// Another writer changes the file between two reads and keeps its size and modification time.
+TEST_P(RewriteTest, NextReadSeesTheChange) {
+    IniSettingsManager settings(path);
+    settings.setByteArray("key", {'a', 'a'});
+    if (GetParam().aged) {
+        std::this_thread::sleep_for(IniSettingsManager::TRUST_AFTER +
+                                    std::chrono::milliseconds(200));
+    }
+    ASSERT_EQ(settings.getByteArray("key", {}), (std::vector<unsigned char>{'a', 'a'}));
+    ASSERT_EQ(settings.getByteArray("key", {}), (std::vector<unsigned char>{'a', 'a'}));
+
+    const QByteArray file = QFile::encodeName(path);
+    struct stat before {};
+    ASSERT_EQ(::stat(file.constData(), &before), 0);
+    QFile old(path);
+    ASSERT_TRUE(old.open(QIODevice::ReadOnly));
+    const QByteArray contents = old.readAll().replace("aa", "bb");
+    const QByteArray target = GetParam().inPlace ? file : file + ".new";
+    const int fd = ::open(target.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::write(fd, contents.constData(), contents.size()), contents.size());
+    ::close(fd);
+    ASSERT_EQ(::rename(target.constData(), file.constData()), 0);
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.constData(), times, 0), 0);
+    struct stat after {};
+    ASSERT_EQ(::stat(file.constData(), &after), 0);
+    ASSERT_EQ(after.st_size, before.st_size);
+
+    EXPECT_EQ(settings.getByteArray("key", {}), (std::vector<unsigned char>{'b', 'b'}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RewriteTest,
+                         testing::Values(Rewrite{"InPlace", true, false},
+                                         Rewrite{"RenamedOver", false, false},
+                                         Rewrite{"InPlaceAged", true, true},
+                                         Rewrite{"RenamedOverAged", false, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // The settings on a 64 KiB file system of their own, unmounted again whatever happens.
 class FullDiskTest : public IniSettingsTest {
