@@ -86,23 +86,26 @@ void PrintTo(const Rewrite& row, std::ostream* out) {
 
 class RewriteTest : public IniSettingsTest, public testing::WithParamInterface<Rewrite> {};
 
-// Another writer changes the file between two reads and keeps its size and modification time.
+// Another writer changes the file between two reads and keeps its size and modification
+// time: the stored schedule's bytes keep their length too.
 TEST_P(RewriteTest, NextReadSeesTheChange) {
-    IniSettingsManager settings(path);
-    settings.setByteArray("key", {'a', 'a'});
+    SchedulerSettings settings(std::make_shared<IniSettingsManager>(path));
+    QK::RecordTimeList schedule = NumberedSchedule(1);
+    schedule[0].title = "PP";
+    settings.SetSchedule(schedule);
     if (GetParam().aged) {
         std::this_thread::sleep_for(IniSettingsManager::TRUST_AFTER +
                                     std::chrono::milliseconds(200));
     }
-    ASSERT_EQ(settings.getByteArray("key", {}), (std::vector<unsigned char>{'a', 'a'}));
-    ASSERT_EQ(settings.getByteArray("key", {}), (std::vector<unsigned char>{'a', 'a'}));
+    ASSERT_EQ(settings.GetSchedule(), schedule);
+    ASSERT_EQ(settings.GetSchedule(), schedule);
 
     const QByteArray file = QFile::encodeName(path);
     struct stat before {};
     ASSERT_EQ(::stat(file.constData(), &before), 0);
     QFile old(path);
     ASSERT_TRUE(old.open(QIODevice::ReadOnly));
-    const QByteArray contents = old.readAll().replace("aa", "bb");
+    const QByteArray contents = old.readAll().replace('P', 'R');
     const QByteArray target = GetParam().inPlace ? file : file + ".new";
     const int fd = ::open(target.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_EQ(::write(fd, contents.constData(), contents.size()), contents.size());
@@ -114,7 +117,8 @@ TEST_P(RewriteTest, NextReadSeesTheChange) {
     ASSERT_EQ(::stat(file.constData(), &after), 0);
     ASSERT_EQ(after.st_size, before.st_size);
 
-    EXPECT_EQ(settings.getByteArray("key", {}), (std::vector<unsigned char>{'b', 'b'}));
+    schedule[0].title = "RR";
+    EXPECT_EQ(settings.GetSchedule(), schedule);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, RewriteTest,
