@@ -4,6 +4,7 @@
 # /proc/PID/task/*/schedstat reports for the runner's threads. One runner per schedule size,
 # all measured side by side over the same window, so that other load on the machine falls
 # on every size alike; with --runs N the window is repeated N times and the median is shown.
+# Beside them runs the baseline: a bare Qt event loop waking on a 100 ms timer (idle_floor).
 #   scripts/idle-cpu.sh [--runs N] BUILD_DIR [SECONDS [RECORDS...]]
 set -euo pipefail
 runs=1
@@ -30,9 +31,12 @@ for size in "${sizes[@]}"; do
     "$runner" run --notify none --no-keep-awake > "$work/$size.log" &
   pids+=($!)
 done
+"$build/bench/idle_floor" &
+pids+=($!)
 for size in "${sizes[@]}"; do
   until grep -q . "$work/$size.log"; do sleep 0.1; done
 done
+sizes+=(0)  # the baseline's row
 sleep 2   # start-up is not idle time
 
 for ((run = 0; run < runs; ++run)); do
@@ -47,6 +51,7 @@ for size in "${sizes[@]}"; do
   awk -v size="$size" '$1 == size { print $2 }' "$work/samples" | sort -n |
     awk -v size="$size" -v s="$seconds" -v runs="$runs" '{ ns[NR] = $1 }
       END { m = (NR % 2) ? ns[(NR + 1) / 2] : (ns[NR / 2] + ns[NR / 2 + 1]) / 2
-            printf "idle run, %6d records: %6.1f ms of CPU in %d s = %.3f %% of one core (median of %d)\n",
-                   size, m / 1e6, s, 100 * m / 1e9 / s, runs }'
+            printf "%-22s %6.1f ms of CPU in %d s = %.3f %% of one core (median of %d)\n",
+                   size ? sprintf("idle run, %d records:", size) : "baseline (Qt loop):",
+                   m / 1e6, s, 100 * m / 1e9 / s, runs }'
 done
