@@ -32,6 +32,8 @@ namespace Vexlor::App {
 // What one full read of the file found.
 struct IniSettingsManager::Snapshot {
     struct stat status {};
+    bool trusted = false;  // the file last changed long enough before it was read
+    QByteArray bytes;
     QMap<QString, QVariant> values;  // by key as QSettings normalises it
 };
 
@@ -275,8 +277,10 @@ public:
     bool Parse(const QByteArray& bytes, QMap<QString, QVariant>& values,
                QSettings::Status& status) {
         std::lock_guard<std::mutex> lock(mutex);
-        if (fd < 0 || ::ftruncate(fd, 0) != 0 ||
-            ::pwrite(fd, bytes.constData(), static_cast<size_t>(bytes.size()), 0) != bytes.size()) {
+        // Written over the last contents, which keeps their pages, then cut to length.
+        if (fd < 0 ||
+            ::pwrite(fd, bytes.constData(), static_cast<size_t>(bytes.size()), 0) != bytes.size() ||
+            ::ftruncate(fd, bytes.size()) != 0) {
             return false;
         }
         const timespec times[2] = {{0, UTIME_OMIT}, {++generation, 0}};
@@ -332,16 +336,14 @@ std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current(
     ::clock_gettime(CLOCK_REALTIME, &now);
     auto fresh = std::make_shared<Snapshot>();
     if (::stat(file.constData(), &fresh->status) != 0) {
-        held.reset();
         if (errno == ENOENT) {  // a missing file reads as empty
             return fresh;
         }
         fail(errno, QSettings::AccessError);
     }
-    if (held && SameFile(held->status, fresh->status)) {
+    if (held && held->trusted && SameFile(held->status, fresh->status)) {
         return held;
     }
-    held.reset();
 
     const int fd = ::open(file.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
@@ -350,11 +352,15 @@ std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current(
         }
         fail(errno, QSettings::AccessError);
     }
-    QByteArray bytes;
+    QByteArray& bytes = fresh->bytes;
+    bytes.reserve(static_cast<int>(std::min<off_t>(fresh->status.st_size + 1, 1 << 30)));
     int error = 0;
-    char buffer[65536];
     for (;;) {
-        const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (bytes.size() == bytes.capacity()) {
+            bytes.reserve(bytes.capacity() * 2);
+        }
+        const ssize_t got = ::read(fd, bytes.data() + bytes.size(),
+                                   static_cast<size_t>(bytes.capacity() - bytes.size()));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -364,7 +370,7 @@ std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current(
         if (got <= 0) {
             break;
         }
-        bytes.append(buffer, static_cast<int>(got));
+        bytes.resize(bytes.size() + static_cast<int>(got));
     }
     // The status that goes with the bytes is the one after reading them.
     if (error == 0 && ::fstat(fd, &fresh->status) != 0) {
@@ -373,6 +379,16 @@ std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current(
     ::close(fd);
     if (error != 0) {
         fail(error, QSettings::AccessError);
+    }
+    const auto changed = std::chrono::seconds(fresh->status.st_ctim.tv_sec) +
+                         std::chrono::nanoseconds(fresh->status.st_ctim.tv_nsec);
+    const auto read = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    fresh->trusted = changed + TRUST_AFTER < read;
+    if (held && bytes == held->bytes) {  // touched or rewritten as it was: no parse
+        fresh->bytes = held->bytes;
+        fresh->values = held->values;
+        held = fresh;
+        return held;
     }
     QSettings::Status status = QSettings::NoError;
     if (!bytes.isEmpty() && !Scratch::Instance().Parse(bytes, fresh->values, status)) {
@@ -384,13 +400,8 @@ std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current(
     if (status != QSettings::NoError) {
         fail(0, status);
     }
-    const auto changed = std::chrono::seconds(fresh->status.st_ctim.tv_sec) +
-                         std::chrono::nanoseconds(fresh->status.st_ctim.tv_nsec);
-    const auto read = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-    if (changed + TRUST_AFTER < read) {
-        held = fresh;
-    }
-    return fresh;
+    held = fresh;
+    return held;
 }
 
 void IniSettingsManager::setBool(const std::string& key, bool value) {

@@ -18,11 +18,11 @@ namespace Vexlor::App {
 // the last full read, the values read then are served again, without a parse; otherwise the
 // file is read and parsed afresh, so writes by other processes sharing the file are seen at
 // the next read, also a rewrite in place that keeps the size and sets the modification time
-// back. A file whose status changed within TRUST_AFTER of a read is read in full at the next
-// read too: a rewrite within the file system's timestamp granularity could leave its status
-// as it was. Every write is flushed to disk (temporary file, fsync, atomic rename, directory
-// fsync) before it returns. (Writes merge into QSettings' own view of the file, which notices
-// a change by size and modification time only.)
+// back. A file whose status changed within TRUST_AFTER of a read has its bytes read again at
+// the next read too, since a rewrite within the file system's timestamp granularity could
+// leave its status as it was; they are parsed again only when they differ. Every write is flushed
+// to disk (temporary file, fsync, atomic rename, directory fsync) before it returns. (Writes merge
+// into QSettings' own view of the file, which notices a change by size and modification time only.)
 //
 // A file that cannot be read or written, or that is malformed, makes the operation throw
 // std::runtime_error naming the path and the failure, with the system's reason where it can
@@ -58,7 +58,7 @@ private:
 
     QString path;
     mutable std::mutex mutex;
-    mutable std::shared_ptr<const Snapshot> held;  // the last full read, while it can be trusted
+    mutable std::shared_ptr<const Snapshot> held;  // the last read of the file's bytes
 };
 
 }  // namespace Vexlor::App
