@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -71,6 +72,40 @@ TEST_F(IniSettingsTest, FailuresNameTheSystemsReason) {
     IniSettingsManager underAFile(notADirectory.fileName() + "/settings.ini");
     EXPECT_THAT(FailureOf([&] { underAFile.setBool("key", true); }),
                 HasSubstr("write failed: Not a directory"));
+}
+
+// Another writer rewrites the file in place between two reads and keeps its size and
+// modification time (and the stored schedule's byte length): just after the file was
+// written, and again once it is older than the trust margin, when the manager holds it.
+TEST_F(IniSettingsTest, RewriteKeepingSizeAndModificationTimeIsSeen) {
+    SchedulerSettings settings(std::make_shared<IniSettingsManager>(path));
+    const QByteArray file = QFile::encodeName(path);
+    const auto rewrite = [&](char from, char to) {
+        struct stat before {};
+        ASSERT_EQ(::stat(file.constData(), &before), 0);
+        QFile old(path);
+        ASSERT_TRUE(old.open(QIODevice::ReadOnly));
+        const QByteArray contents = old.readAll().replace(from, to);
+        const int fd = ::open(file.constData(), O_WRONLY | O_CLOEXEC);
+        ASSERT_EQ(::write(fd, contents.constData(), contents.size()), contents.size());
+        ::close(fd);
+        const timespec times[2] = {before.st_atim, before.st_mtim};
+        ASSERT_EQ(::utimensat(AT_FDCWD, file.constData(), times, 0), 0);
+    };
+    QK::RecordTimeList schedule = NumberedSchedule(1);
+    schedule[0].title = "PP";
+    settings.SetSchedule(schedule);
+    ASSERT_EQ(settings.GetSchedule(), schedule);
+    rewrite('P', 'R');
+    schedule[0].title = "RR";
+    EXPECT_EQ(settings.GetSchedule(), schedule);
+
+    std::this_thread::sleep_for(IniSettingsManager::TRUST_AFTER + std::chrono::milliseconds(200));
+    ASSERT_EQ(settings.GetSchedule(), schedule);
+    ASSERT_EQ(settings.GetSchedule(), schedule);
+    rewrite('R', 'T');
+    schedule[0].title = "TT";
+    EXPECT_EQ(settings.GetSchedule(), schedule);
 }
 
 // The settings on a 64 KiB file system of their own, unmounted again whatever happens.

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <cstddef>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -20,10 +22,20 @@
 #include <QByteArray>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
 #include <QSettings>
+#include <QStringList>
 #include <QVariant>
 
 namespace Vexlor::App {
+
+// What one full read of the file found.
+struct IniSettingsManager::Snapshot {
+    struct stat status {};
+    bool trusted = false;  // the file last changed long enough before it was read
+    QByteArray bytes;
+    QMap<QString, QVariant> values;  // by key as QSettings normalises it
+};
 
 namespace {
 
@@ -234,6 +246,70 @@ QString ToKey(const std::string& key) {
     return QString::fromStdString(key);
 }
 
+// As QSettings looks keys up: no empty sections, so no leading, trailing or doubled '/'.
+QString NormalisedKey(const std::string& key) {
+    return ToKey(key).split(QLatin1Char('/'), Qt::SkipEmptyParts).join(QLatin1Char('/'));
+}
+
+bool SameTime(const timespec& a, const timespec& b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// Every change to a file's contents sets its change time, which nobody can set back.
+bool SameFile(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size &&
+           SameTime(a.st_mtim, b.st_mtim) && SameTime(a.st_ctim, b.st_ctim);
+}
+
+// QSettings keeps each file it parsed and parses it again only when the size or the
+// modification time (in ms) differ, so it would miss a rewrite in place that keeps both. The
+// bytes read are therefore parsed from a scratch file of the process's own, an anonymous
+// file named through /proc, whose modification time is moved on for every parse.
+class Scratch {
+public:
+    static Scratch& Instance() {
+        static Scratch scratch;
+        return scratch;
+    }
+
+    // False when there is no scratch file (no memfd or no /proc): the caller parses the file
+    // itself, as QSettings sees it.
+    bool Parse(const QByteArray& bytes, QMap<QString, QVariant>& values,
+               QSettings::Status& status) {
+        std::lock_guard<std::mutex> lock(mutex);
+        // Written over the last contents, which keeps their pages, then cut to length.
+        if (fd < 0 ||
+            ::pwrite(fd, bytes.constData(), static_cast<size_t>(bytes.size()), 0) != bytes.size() ||
+            ::ftruncate(fd, bytes.size()) != 0) {
+            return false;
+        }
+        const timespec times[2] = {{0, UTIME_OMIT}, {++generation, 0}};
+        if (::futimens(fd, times) != 0) {
+            return false;
+        }
+        const QSettings settings(alias, QSettings::IniFormat);
+        status = settings.status();
+        for (const QString& key : settings.allKeys()) {
+            values.insert(key, settings.value(key));
+        }
+        return true;
+    }
+
+private:
+    Scratch() : fd(::memfd_create("vexlor-settings", MFD_CLOEXEC)) {
+        alias = QStringLiteral("/proc/self/fd/%1").arg(fd);
+        if (fd >= 0 && ::access(QFile::encodeName(alias).constData(), R_OK) != 0) {
+            ::close(fd);
+            fd = -1;
+        }
+    }
+
+    std::mutex mutex;
+    int fd;
+    QString alias;
+    time_t generation = 0;
+};
+
 // At most the bytes that storing a value of `valueBytes` bytes under `key` adds to the file:
 // the INI format escapes a byte in up to four and a key character in up to three, and a new
 // group adds a header line.
@@ -246,6 +322,87 @@ std::size_t EntryBytes(const std::string& key, std::size_t valueBytes) {
 IniSettingsManager::IniSettingsManager(const QString& filePath) : path(filePath) {}
 
 IniSettingsManager::~IniSettingsManager() = default;
+
+std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current() const {
+    const QByteArray file = QFile::encodeName(path);
+    const auto fail = [&](int error, QSettings::Status status) {
+        std::string message = "settings file " + path.toStdString() + ": read failed";
+        message += error != 0 ? ": " + std::generic_category().message(error)
+                              : std::string(" (") + StatusText(status) + ")";
+        throw std::runtime_error(message);
+    };
+    std::lock_guard<std::mutex> lock(mutex);
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    auto fresh = std::make_shared<Snapshot>();
+    if (::stat(file.constData(), &fresh->status) != 0) {
+        if (errno == ENOENT) {  // a missing file reads as empty
+            return fresh;
+        }
+        fail(errno, QSettings::AccessError);
+    }
+    if (held && held->trusted && SameFile(held->status, fresh->status)) {
+        return held;
+    }
+
+    const int fd = ::open(file.constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        if (errno == ENOENT) {
+            return fresh;
+        }
+        fail(errno, QSettings::AccessError);
+    }
+    QByteArray& bytes = fresh->bytes;
+    bytes.reserve(static_cast<int>(std::min<off_t>(fresh->status.st_size + 1, 1 << 30)));
+    int error = 0;
+    for (;;) {
+        if (bytes.size() == bytes.capacity()) {
+            bytes.reserve(bytes.capacity() * 2);
+        }
+        const ssize_t got = ::read(fd, bytes.data() + bytes.size(),
+                                   static_cast<size_t>(bytes.capacity() - bytes.size()));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            error = errno;
+        }
+        if (got <= 0) {
+            break;
+        }
+        bytes.resize(bytes.size() + static_cast<int>(got));
+    }
+    // The status that goes with the bytes is the one after reading them.
+    if (error == 0 && ::fstat(fd, &fresh->status) != 0) {
+        error = errno;
+    }
+    ::close(fd);
+    if (error != 0) {
+        fail(error, QSettings::AccessError);
+    }
+    const auto changed = std::chrono::seconds(fresh->status.st_ctim.tv_sec) +
+                         std::chrono::nanoseconds(fresh->status.st_ctim.tv_nsec);
+    const auto read = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    fresh->trusted = changed + TRUST_AFTER < read;
+    if (held && bytes == held->bytes) {  // touched or rewritten as it was: no parse
+        fresh->bytes = held->bytes;
+        fresh->values = held->values;
+        held = fresh;
+        return held;
+    }
+    QSettings::Status status = QSettings::NoError;
+    if (!bytes.isEmpty() && !Scratch::Instance().Parse(bytes, fresh->values, status)) {
+        SettingsFile settings(path, "read");
+        for (const QString& key : settings->allKeys()) {
+            fresh->values.insert(key, settings->value(key));
+        }
+    }
+    if (status != QSettings::NoError) {
+        fail(0, status);
+    }
+    held = fresh;
+    return held;
+}
 
 void IniSettingsManager::setBool(const std::string& key, bool value) {
     SettingsFile file(path, "write");
@@ -267,8 +424,7 @@ void IniSettingsManager::setByteArray(const std::string& key,
 }
 
 bool IniSettingsManager::getBool(const std::string& key, bool defaultValue) const {
-    SettingsFile file(path, "read");
-    const QVariant value = file->value(ToKey(key));
+    const QVariant value = Current()->values.value(NormalisedKey(key));
     if (!value.isValid()) {
         return defaultValue;
     }
@@ -294,8 +450,7 @@ bool IniSettingsManager::getBool(const std::string& key, bool defaultValue) cons
 
 std::vector<unsigned char> IniSettingsManager::getByteArray(
     const std::string& key, const std::vector<unsigned char>& defaultValue) const {
-    SettingsFile file(path, "read");
-    const QVariant value = file->value(ToKey(key));
+    const QVariant value = Current()->values.value(NormalisedKey(key));
     if (!value.isValid()) {
         return defaultValue;
     }
@@ -304,8 +459,7 @@ std::vector<unsigned char> IniSettingsManager::getByteArray(
 }
 
 bool IniSettingsManager::contains(const std::string& key) const {
-    SettingsFile file(path, "read");
-    return file->contains(ToKey(key));
+    return Current()->values.contains(NormalisedKey(key));
 }
 
 void IniSettingsManager::remove(const std::string& key) {

@@ -5,6 +5,7 @@
 #include <limits>
 #include <utility>
 
+#include <QThread>
 #include <QTimer>
 
 #include "core/Saturating.h"
@@ -32,10 +33,11 @@ int NextLegMillis(long long remainingMicros) {
 }  // namespace
 
 struct QtDurationTimer::Armed {
-    std::unique_ptr<TimerId> id;
-    std::unique_ptr<QTimer> timer;
+    TimerId id;
+    QTimer timer;
     Callback callback;
     long long deadlineMicros = 0;  // on the steady clock, which QTimer also runs on
+    bool active = false;
 };
 
 QtDurationTimer::QtDurationTimer() = default;
@@ -43,61 +45,64 @@ QtDurationTimer::QtDurationTimer() = default;
 QtDurationTimer::~QtDurationTimer() = default;
 
 TimerId* QtDurationTimer::Start(const Microseconds& duration, Callback callback) {
-    auto entry = std::make_unique<Armed>();
-    entry->id = std::make_unique<TimerId>();
-    entry->callback = std::move(callback);
-    entry->deadlineMicros = Core::SaturatingAdd(SteadyNowMicros(), duration.count());
-    entry->timer = std::make_unique<QTimer>();
-    entry->timer->setSingleShot(true);
-    entry->timer->setTimerType(Qt::PreciseTimer);
-
-    TimerId* id = entry->id.get();
-    QObject::connect(entry->timer.get(), &QTimer::timeout, [this, id] { OnLegElapsed(id); });
-    QTimer* timer = entry->timer.get();
+    Armed* entry = nullptr;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        id->value = ++lastId;
-        armed.emplace(id, std::move(entry));
+        // A QTimer only runs on its own thread.
+        for (const auto& idle : entries) {
+            if (!idle->active && idle->timer.thread() == QThread::currentThread()) {
+                entry = idle.get();
+                break;
+            }
+        }
+        if (entry == nullptr) {
+            entry = entries.emplace_back(std::make_unique<Armed>()).get();
+            entry->timer.setSingleShot(true);
+            entry->timer.setTimerType(Qt::PreciseTimer);
+            QObject::connect(&entry->timer, &QTimer::timeout,
+                             [this, entry] { OnLegElapsed(entry); });
+        }
+        entry->active = true;
+        entry->id.value = ++lastId;
+        entry->callback = std::move(callback);
+        entry->deadlineMicros = Core::SaturatingAdd(SteadyNowMicros(), duration.count());
     }
-    timer->start(NextLegMillis(duration.count()));
-    return id;
+    entry->timer.start(NextLegMillis(duration.count()));
+    return &entry->id;
 }
 
 void QtDurationTimer::Stop(TimerId* id) {
-    std::unique_ptr<Armed> stopped;
+    Callback dropped;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        auto it = armed.find(id);
-        if (it == armed.end()) {
-            return;
+        for (const auto& entry : entries) {
+            if (entry->active && &entry->id == id) {
+                entry->active = false;
+                entry->timer.stop();
+                dropped = std::move(entry->callback);
+                break;
+            }
         }
-        stopped = std::move(it->second);
-        armed.erase(it);
     }
     // Destroyed outside the lock; the callback is dropped without being called.
 }
 
-void QtDurationTimer::OnLegElapsed(TimerId* id) {
-    std::unique_ptr<Armed> finished;
+void QtDurationTimer::OnLegElapsed(Armed* entry) {
+    Callback callback;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        auto it = armed.find(id);
-        if (it == armed.end()) {
+        if (!entry->active) {
             return;
         }
-        const long long remaining =
-            Core::SaturatingSub(it->second->deadlineMicros, SteadyNowMicros());
+        const long long remaining = Core::SaturatingSub(entry->deadlineMicros, SteadyNowMicros());
         if (remaining > 0) {
-            it->second->timer->start(NextLegMillis(remaining));
+            entry->timer.start(NextLegMillis(remaining));
             return;
         }
-        finished = std::move(it->second);
-        armed.erase(it);
+        entry->active = false;
+        callback = std::move(entry->callback);
     }
-    // The id is invalid from here on, so the callback may arm a new timer at once. Qt
-    // allows the emitting timer to be destroyed inside its own timeout.
-    Callback callback = std::move(finished->callback);
-    finished.reset();
+    // The id is invalid from here on, so the callback may arm a timer at once, this one too.
     callback(ITimer::FinishReason::Elapsed);
 }
 

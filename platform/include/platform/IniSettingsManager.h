@@ -1,5 +1,8 @@
 #pragma once
 
+#include <chrono>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -10,11 +13,16 @@
 
 namespace Vexlor::App {
 
-// The application's settings in an INI file. Every operation opens the file afresh, so
-// writes by other processes sharing the file are seen at the next read (QSettings notices a
-// change by size and modification time: a rewrite of the same size within one timestamp
-// tick of the file system can go unseen until the next change). Every write is flushed to
-// disk (temporary file, fsync, atomic rename, directory fsync) before it returns.
+// The application's settings in an INI file. Every read checks the file's status (device,
+// inode, size, modification and change times to the nanosecond): while it is what it was at
+// the last full read, the values read then are served again, without a parse; otherwise the
+// file is read and parsed afresh, so writes by other processes sharing the file are seen at
+// the next read, also a rewrite in place that keeps the size and sets the modification time
+// back. A file whose status changed within TRUST_AFTER of a read has its bytes read again at
+// the next read too, since a rewrite within the file system's timestamp granularity could
+// leave its status as it was; they are parsed again only when they differ. Every write is flushed
+// to disk (temporary file, fsync, atomic rename, directory fsync) before it returns. (Writes merge
+// into QSettings' own view of the file, which notices a change by size and modification time only.)
 //
 // A file that cannot be read or written, or that is malformed, makes the operation throw
 // std::runtime_error naming the path and the failure, with the system's reason where it can
@@ -39,8 +47,18 @@ public:
 
     const QString& filePath() const { return path; }
 
+    // 2 s: the coarsest timestamps among Linux file systems (FAT's).
+    static constexpr std::chrono::milliseconds TRUST_AFTER{2000};
+
+    struct Snapshot;
+
 private:
+    // The file's values now: those held while the file is unchanged, else read afresh.
+    std::shared_ptr<const Snapshot> Current() const;
+
     QString path;
+    mutable std::mutex mutex;
+    mutable std::shared_ptr<const Snapshot> held;  // the last read of the file's bytes
 };
 
 }  // namespace Vexlor::App

@@ -1,16 +1,18 @@
 #pragma once
 
-#include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "interfaces/Timer.h"
 #include "vexlor_platform_export.h"
 
 namespace Vexlor::Time {
 
-// One-shot timers on QTimer (Qt::PreciseTimer). Each Start makes a timer on the calling
-// thread, which must run a Qt event loop; the callback arrives there. Durations longer
+// One-shot timers on QTimer (Qt::PreciseTimer). Each Start arms a timer of the calling
+// thread, which must run a Qt event loop; the callback arrives there. A QTimer whose timer
+// finished or was stopped is armed again by a later Start on its thread, so a poll that
+// re-arms on every expiry creates no QObject each time. Durations longer
 // than a QTimer interval can hold are covered in several legs, so far-future deadlines are
 // kept. Stop (and destroying the service) must happen on the thread that armed the timer;
 // timers still armed when the service is destroyed are dropped without a callback.
@@ -28,10 +30,10 @@ public:
 
 private:
     struct Armed;
-    void OnLegElapsed(TimerId* id);
+    void OnLegElapsed(Armed* entry);
 
     std::mutex mutex;
-    std::map<TimerId*, std::unique_ptr<Armed>> armed;
+    std::vector<std::unique_ptr<Armed>> entries;  // armed or idle, never fewer
     unsigned long long lastId = 0;
 };
 

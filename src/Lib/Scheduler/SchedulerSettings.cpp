@@ -1,6 +1,9 @@
 #include "Scheduler/SchedulerSettings.h"
 
+#include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "core/EventHandlerList.h"
 #include "core/NotNull.h"
@@ -21,13 +24,34 @@ public:
     explicit Impl(const std::shared_ptr<IApplicationSettingsManager>& manager)
         : applicationSettingsManager(manager),
           enabledSetting(manager, settingsGroupPrefix + "scheduler_enabled", false),
-          scheduleSetting(manager, settingsGroupPrefix + "schedule", defaultSchedule) {}
+          scheduleSetting(manager, settingsGroupPrefix + "schedule", defaultSchedule),
+          storedSchedule(manager, settingsGroupPrefix + "schedule",
+                         App::ByteArrayConverter<RecordTimeList>()(defaultSchedule)) {}
+
+    // What scheduleSetting.get() returns, decoded only when the stored bytes differ from
+    // those decoded last: the notice reads the schedule every 10 s, and decoding a long one
+    // costs far more than comparing its bytes.
+    RecordTimeList ReadSchedule() const {
+        std::vector<unsigned char> bytes = storedSchedule.get();
+        std::lock_guard<std::mutex> lock(decodedMutex);
+        if (!decoded || bytes != decodedFrom) {
+            decoded.reset();
+            RecordTimeList schedule = App::ByteArrayConverter<RecordTimeList>()(bytes);
+            decodedFrom = std::move(bytes);
+            decoded = std::move(schedule);
+        }
+        return *decoded;
+    }
 
     // Declared order is the order of construction; destruction runs in reverse, so the
     // registrations end first and the manager is released last.
     Core::NotNull<std::shared_ptr<IApplicationSettingsManager>> applicationSettingsManager;
     App::SettingsWrapper<bool> enabledSetting;
     App::SettingsWrapper<RecordTimeList> scheduleSetting;
+    App::SettingsWrapper<std::vector<unsigned char>> storedSchedule;  // the same key's bytes
+    mutable std::mutex decodedMutex;
+    mutable std::vector<unsigned char> decodedFrom;
+    mutable std::optional<RecordTimeList> decoded;
     bool durationLimitEnabled = false;
     Time::Microseconds durationLimit{120000000};
     Core::EventHandlerList<ICaptureDurationLimitSettingsObserver, Core::SyncExecutePolicy>
@@ -97,11 +121,13 @@ void SchedulerSettings::SetSchedulerEnabled(bool enabled) {
 }
 
 RecordTimeList SchedulerSettings::GetSchedule() const {
-    return impl->scheduleSetting.get();
+    return impl->ReadSchedule();
 }
 
 void SchedulerSettings::SetSchedule(const RecordTimeList& schedule) {
-    if (impl->scheduleSetting.set(schedule)) {
+    // Writes only when the value differs from what reads back now, as SettingsWrapper::set.
+    if (impl->ReadSchedule() != schedule) {
+        impl->scheduleSetting.forceSet(schedule);
         impl->schedulerSettingsObservers.PerformAll(
             &ICaptureSchedulerSettingsObserver::OnScheduleChanged, schedule);
     }
