@@ -66,6 +66,8 @@ QDBusConnection TestConnection() {
     return QDBusConnection::connectToBus(busAddress, QStringLiteral("vexlor-test"));
 }
 
+}  // namespace
+
 bool NameIs(const QString& name, bool owned) {
     QElapsedTimer clock;
     clock.start();
@@ -77,8 +79,6 @@ bool NameIs(const QString& name, bool owned) {
     }
     return true;
 }
-
-}  // namespace
 
 MockService::MockService(const QString& templateName, const QString& parameters) {
     const bool logind = templateName == QLatin1String("logind");
@@ -111,6 +111,13 @@ QDBusMessage MockService::Call(const QString& interface, const QString& method,
     QDBusMessage message = QDBusMessage::createMethodCall(name, path, interface, method);
     message.setArguments(arguments);
     return TestConnection().call(message, QDBus::Block, 5000);
+}
+
+bool MockService::Emit(const QString& interface, const QString& member, const QString& signature,
+                       const QVariantList& arguments) const {
+    return Call(QStringLiteral("org.freedesktop.DBus.Mock"), QStringLiteral("EmitSignal"),
+                {interface, member, signature, arguments})
+               .type() == QDBusMessage::ReplyMessage;
 }
 
 QList<QVariantList> MockService::Calls(const QString& method) const {

@@ -11,6 +11,9 @@
 // on it are python3-dbusmock templates, each in a process of its own.
 namespace Vexlor::Testing {
 
+// Waits up to 10 s for `name` to be owned on the private bus, or to be free.
+bool NameIs(const QString& name, bool owned = true);
+
 class MockService {
 public:
     // "notification_daemon" or "logind", with the template's parameters as JSON; returns once
@@ -26,6 +29,9 @@ public:
     // logind: what, who, why and mode of each lock held now, waiting up to `waitMs` for there
     // to be `count` of them.
     QList<QStringList> Locks(int count = -1, int waitMs = 0) const;
+    // Sends the signal `member` of the service's `interface`; returns whether the mock took it.
+    bool Emit(const QString& interface, const QString& member, const QString& signature,
+              const QVariantList& arguments) const;
 
 private:
     QDBusMessage Call(const QString& interface, const QString& method,

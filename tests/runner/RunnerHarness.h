@@ -1,6 +1,7 @@
 #pragma once
 
 #include <signal.h>
+#include <time.h>
 
 #include <functional>
 #include <map>
@@ -45,6 +46,54 @@ inline bool ProcessEnded(long long pid) {
     const QByteArray text = stat.readAll();
     return text.mid(text.lastIndexOf(')') + 2, 1) == "Z";
 }
+
+// Sets TZ for one test and puts the old value back.
+class ZoneGuard {
+public:
+    explicit ZoneGuard(const char* zone)
+        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
+        qputenv("TZ", zone);
+        ::tzset();
+    }
+    ~ZoneGuard() {
+        had ? qputenv("TZ", old) : qunsetenv("TZ");
+        ::tzset();
+    }
+
+private:
+    bool had;
+    QByteArray old;
+};
+
+// An X server of the test's own. Xvfb picks a free display and writes its number to a file in
+// `folder`; it ends when the shell's standard input closes, even if the test crashes.
+class XServer {
+public:
+    XServer(const QTemporaryDir& folder, const QString& screen) {
+        const QString numberFile = folder.filePath(QStringLiteral("display"));
+        shell.start(QStringLiteral("/bin/bash"),
+                    {"-c",
+                     "Xvfb -displayfd 3 -nolisten tcp -noreset -br -screen 0 " + screen +
+                         " 3>\"$0\" 2>/dev/null & read -r _; kill $!; wait",
+                     numberFile});
+        const auto number = [&numberFile] {
+            QFile file(numberFile);
+            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        };
+        if (Eventually([&] { return number().endsWith('\n'); }, 10000)) {
+            display = ":" + QString::fromUtf8(number()).trimmed();
+        }
+    }
+    ~XServer() {
+        shell.closeWriteChannel();
+        shell.waitForFinished(5000);
+    }
+
+    QString display;  // ":N", or empty when Xvfb did not start
+
+private:
+    QProcess shell;
+};
 
 class RunnerTest : public testing::Test {
 protected:

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <time.h>
-
+#include <QRegularExpression>
 #include <QTimeZone>
 
 #include "Calendar.h"
@@ -23,23 +22,7 @@ TimePoint At(const char* iso) {
         QDateTime::fromString(QString::fromLatin1(iso), Qt::ISODate).toSecsSinceEpoch() * SECOND));
 }
 
-// Sets TZ for one test and puts the old value back.
-class ZoneGuard {
-public:
-    explicit ZoneGuard(const char* zone)
-        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
-        qputenv("TZ", zone);
-        ::tzset();
-    }
-    ~ZoneGuard() {
-        had ? qputenv("TZ", old) : qunsetenv("TZ");
-        ::tzset();
-    }
-
-private:
-    bool had;
-    QByteArray old;
-};
+using Testing::ZoneGuard;
 
 Plan PlanOf(const char* rule, const char* start, const char* zone = "") {
     Plan plan;
@@ -61,7 +44,7 @@ struct ExpansionRow {
     const char* rule;
     const char* start;
     std::vector<const char*> exceptions;
-    std::vector<const char*> expected;  // all of them, or the first ones of an endless rule
+    std::vector<const char*> expected;  // all of a COUNT or UNTIL rule, else the first ones
 };
 
 void PrintTo(const ExpansionRow& row, std::ostream* out) {
@@ -87,7 +70,8 @@ TEST_P(ExpansionTest, GivesTheOccurrencesOnTheWallClock) {
     for (const char* text : row.expected) {
         expected << QString::fromLatin1(text);
     }
-    EXPECT_EQ(got.mid(0, expected.size()), expected);
+    const bool bounded = QString::fromLatin1(row.rule).contains(QRegularExpression("COUNT|UNTIL"));
+    EXPECT_EQ(bounded ? got : got.mid(0, expected.size()), expected);
 }
 
 const char* NY = "America/New_York";
@@ -95,106 +79,96 @@ const char* NY = "America/New_York";
 // The first rows are examples of RFC 5545 section 3.8.5.3 (DTSTART in America/New_York).
 INSTANTIATE_TEST_SUITE_P(
     Rows, ExpansionTest,
-    testing::Values(ExpansionRow{"DailyForTenOccurrences",
-                                 "UTC",
-                                 NY,
-                                 "FREQ=DAILY;COUNT=10",
-                                 "1997-09-02T09:00:00",
-                                 {},
-                                 {"1997-09-02T09:00:00-04:00", "1997-09-03T09:00:00-04:00",
-                                  "1997-09-04T09:00:00-04:00", "1997-09-05T09:00:00-04:00",
-                                  "1997-09-06T09:00:00-04:00", "1997-09-07T09:00:00-04:00",
-                                  "1997-09-08T09:00:00-04:00", "1997-09-09T09:00:00-04:00",
-                                  "1997-09-10T09:00:00-04:00", "1997-09-11T09:00:00-04:00"}},
-                    // UNTIL is an instant in UTC: 20:00 on the 6th in New York.
-                    ExpansionRow{"WeeklyOnTuesdayAndThursdayUntil",
-                                 "UTC",
-                                 NY,
-                                 "FREQ=WEEKLY;UNTIL=19971007T000000Z;WKST=SU;BYDAY=TU,TH",
-                                 "1997-09-02T09:00:00",
-                                 {},
-                                 {"1997-09-02T09:00:00-04:00", "1997-09-04T09:00:00-04:00",
-                                  "1997-09-09T09:00:00-04:00", "1997-09-11T09:00:00-04:00",
-                                  "1997-09-16T09:00:00-04:00", "1997-09-18T09:00:00-04:00",
-                                  "1997-09-23T09:00:00-04:00", "1997-09-25T09:00:00-04:00",
-                                  "1997-09-30T09:00:00-04:00", "1997-10-02T09:00:00-04:00"}},
-                    ExpansionRow{"MonthlyOnTheFirstFridayAcrossBothChanges",
-                                 "UTC",
-                                 NY,
-                                 "FREQ=MONTHLY;COUNT=10;BYDAY=1FR",
-                                 "1997-09-05T09:00:00",
-                                 {},
-                                 {"1997-09-05T09:00:00-04:00", "1997-10-03T09:00:00-04:00",
-                                  "1997-11-07T09:00:00-05:00", "1997-12-05T09:00:00-05:00",
-                                  "1998-01-02T09:00:00-05:00", "1998-02-06T09:00:00-05:00",
-                                  "1998-03-06T09:00:00-05:00", "1998-04-03T09:00:00-05:00",
-                                  "1998-05-01T09:00:00-04:00", "1998-06-05T09:00:00-04:00"}},
-                    ExpansionRow{"EveryOtherWeekWithTheWeekStartingOnSunday",
-                                 "UTC",
-                                 NY,
-                                 "FREQ=WEEKLY;INTERVAL=2;COUNT=4;BYDAY=TU,SU;WKST=SU",
-                                 "1997-08-05T09:00:00",
-                                 {},
-                                 {"1997-08-05T09:00:00-04:00", "1997-08-17T09:00:00-04:00",
-                                  "1997-08-19T09:00:00-04:00", "1997-08-31T09:00:00-04:00"}},
-                    ExpansionRow{"FridayThe13thWithTheStartExcluded",
-                                 "UTC",
-                                 NY,
-                                 "FREQ=MONTHLY;BYDAY=FR;BYMONTHDAY=13",
-                                 "1997-09-02T09:00:00",
-                                 {"1997-09-02T09:00:00"},
-                                 {"1998-02-13T09:00:00-05:00", "1998-03-13T09:00:00-05:00",
-                                  "1998-11-13T09:00:00-05:00", "1999-08-13T09:00:00-04:00",
-                                  "2000-10-13T09:00:00-04:00"}},
-                    ExpansionRow{"InvalidDatesAreIgnored",
-                                 "UTC",
-                                 NY,
-                                 "FREQ=MONTHLY;BYMONTHDAY=15,30;COUNT=5",
-                                 "2007-01-15T09:00:00",
-                                 {},
-                                 {"2007-01-15T09:00:00-05:00", "2007-01-30T09:00:00-05:00",
-                                  "2007-02-15T09:00:00-05:00", "2007-03-15T09:00:00-04:00",
-                                  "2007-03-30T09:00:00-04:00"}},
-                    // Local time, both changes of 2027. In the gap the offset before it holds
-                    // (02:30 is 03:30 summer time); in the fold the first of the two is taken.
-                    ExpansionRow{"BerlinWeeklyStaysAtTenInSpring",
-                                 "Europe/Berlin",
-                                 "",
-                                 "weekly",
-                                 "2027-03-22T10:00:00",
-                                 {},
-                                 {"2027-03-22T10:00:00+01:00", "2027-03-29T10:00:00+02:00"}},
-                    ExpansionRow{"BerlinDailyThroughTheGap",
-                                 "Europe/Berlin",
-                                 "",
-                                 "FREQ=DAILY;COUNT=3",
-                                 "2027-03-27T02:30:00",
-                                 {},
-                                 {"2027-03-27T02:30:00+01:00", "2027-03-28T03:30:00+02:00",
-                                  "2027-03-29T02:30:00+02:00"}},
-                    ExpansionRow{"BerlinFallBackTakesTheFirst",
-                                 "Europe/Berlin",
-                                 "",
-                                 "FREQ=DAILY;COUNT=3",
-                                 "2027-10-30T02:30:00",
-                                 {},
-                                 {"2027-10-30T02:30:00+02:00", "2027-10-31T02:30:00+02:00",
-                                  "2027-11-01T02:30:00+01:00"}},
-                    ExpansionRow{"NewYorkInTheGap",
-                                 "America/New_York",
-                                 "",
-                                 "daily",
-                                 "2027-03-13T02:30:00",
-                                 {},
-                                 {"2027-03-13T02:30:00-05:00", "2027-03-14T03:30:00-04:00",
-                                  "2027-03-15T02:30:00-04:00"}},
-                    ExpansionRow{"NewYorkSundayInTheFold",
-                                 "America/New_York",
-                                 "",
-                                 "FREQ=WEEKLY;BYDAY=SU;COUNT=2",
-                                 "2027-11-07T01:30:00",
-                                 {},
-                                 {"2027-11-07T01:30:00-04:00", "2027-11-14T01:30:00-05:00"}}),
+    testing::Values(
+        // UNTIL is an instant in UTC: 20:00 on the 6th in New York.
+        ExpansionRow{
+            "WeeklyOnTuesdayAndThursdayUntil",
+            "UTC",
+            NY,
+            "FREQ=WEEKLY;UNTIL=19971007T000000Z;WKST=SU;BYDAY=TU,TH",
+            "1997-09-02T09:00:00",
+            {},
+            {"1997-09-02T09:00:00-04:00", "1997-09-04T09:00:00-04:00", "1997-09-09T09:00:00-04:00",
+             "1997-09-11T09:00:00-04:00", "1997-09-16T09:00:00-04:00", "1997-09-18T09:00:00-04:00",
+             "1997-09-23T09:00:00-04:00", "1997-09-25T09:00:00-04:00", "1997-09-30T09:00:00-04:00",
+             "1997-10-02T09:00:00-04:00"}},
+        ExpansionRow{
+            "MonthlyOnTheFirstFridayAcrossBothChanges",
+            "UTC",
+            NY,
+            "FREQ=MONTHLY;COUNT=10;BYDAY=1FR",
+            "1997-09-05T09:00:00",
+            {},
+            {"1997-09-05T09:00:00-04:00", "1997-10-03T09:00:00-04:00", "1997-11-07T09:00:00-05:00",
+             "1997-12-05T09:00:00-05:00", "1998-01-02T09:00:00-05:00", "1998-02-06T09:00:00-05:00",
+             "1998-03-06T09:00:00-05:00", "1998-04-03T09:00:00-05:00", "1998-05-01T09:00:00-04:00",
+             "1998-06-05T09:00:00-04:00"}},
+        ExpansionRow{"EveryOtherWeekWithTheWeekStartingOnSunday",
+                     "UTC",
+                     NY,
+                     "FREQ=WEEKLY;INTERVAL=2;COUNT=4;BYDAY=TU,SU;WKST=SU",
+                     "1997-08-05T09:00:00",
+                     {},
+                     {"1997-08-05T09:00:00-04:00", "1997-08-17T09:00:00-04:00",
+                      "1997-08-19T09:00:00-04:00", "1997-08-31T09:00:00-04:00"}},
+        ExpansionRow{
+            "FridayThe13thWithTheStartExcluded",
+            "UTC",
+            NY,
+            "FREQ=MONTHLY;BYDAY=FR;BYMONTHDAY=13",
+            "1997-09-02T09:00:00",
+            {"1997-09-02T09:00:00"},
+            {"1998-02-13T09:00:00-05:00", "1998-03-13T09:00:00-05:00", "1998-11-13T09:00:00-05:00",
+             "1999-08-13T09:00:00-04:00", "2000-10-13T09:00:00-04:00"}},
+        ExpansionRow{
+            "InvalidDatesAreIgnored",
+            "UTC",
+            NY,
+            "FREQ=MONTHLY;BYMONTHDAY=15,30;COUNT=5",
+            "2007-01-15T09:00:00",
+            {},
+            {"2007-01-15T09:00:00-05:00", "2007-01-30T09:00:00-05:00", "2007-02-15T09:00:00-05:00",
+             "2007-03-15T09:00:00-04:00", "2007-03-30T09:00:00-04:00"}},
+        // Local time, both changes of 2027. In the gap the offset before it holds
+        // (02:30 is 03:30 summer time); in the fold the first of the two is taken.
+        ExpansionRow{"BerlinWeeklyStaysAtTenInSpring",
+                     "Europe/Berlin",
+                     "",
+                     "weekly",
+                     "2027-03-22T10:00:00",
+                     {},
+                     {"2027-03-22T10:00:00+01:00", "2027-03-29T10:00:00+02:00"}},
+        ExpansionRow{"BerlinDailyThroughTheGap",
+                     "Europe/Berlin",
+                     "",
+                     "FREQ=DAILY;COUNT=3",
+                     "2027-03-27T02:30:00",
+                     {},
+                     {"2027-03-27T02:30:00+01:00", "2027-03-28T03:30:00+02:00",
+                      "2027-03-29T02:30:00+02:00"}},
+        ExpansionRow{"BerlinFallBackTakesTheFirst",
+                     "Europe/Berlin",
+                     "",
+                     "FREQ=DAILY;COUNT=3",
+                     "2027-10-30T02:30:00",
+                     {},
+                     {"2027-10-30T02:30:00+02:00", "2027-10-31T02:30:00+02:00",
+                      "2027-11-01T02:30:00+01:00"}},
+        ExpansionRow{"NewYorkInTheGap",
+                     "America/New_York",
+                     "",
+                     "daily",
+                     "2027-03-13T02:30:00",
+                     {},
+                     {"2027-03-13T02:30:00-05:00", "2027-03-14T03:30:00-04:00",
+                      "2027-03-15T02:30:00-04:00"}},
+        ExpansionRow{"NewYorkSundayInTheFold",
+                     "America/New_York",
+                     "",
+                     "FREQ=WEEKLY;BYDAY=SU;COUNT=2",
+                     "2027-11-07T01:30:00",
+                     {},
+                     {"2027-11-07T01:30:00-04:00", "2027-11-14T01:30:00-05:00"}}),
     [](const testing::TestParamInfo<ExpansionRow>& info) { return std::string(info.param.name); });
 
 // A daily plan at 10:00 UTC, looked at on the 1st at 09:00.
@@ -312,18 +286,15 @@ TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
     EXPECT_NE(second.lines.front().indexOf("1 added, 1 updated, 1 removed"), -1);
 }
 
-TEST(ImportTest, RefusesAMalformedFileNamingTheLine) {
-    const QByteArray cases[] = {
+// A bad DTSTART is named by the command-line import test below.
+TEST(ImportTest, RefusesALineThatIsNoPropertyNamingIt) {
+    const ImportResult result = ImportCalendar(
+        {}, {},
         "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nthis is no property\r\nEND:VEVENT\r\n"
         "END:VCALENDAR\r\n",
-        "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nSUMMARY:A\r\nDTSTART:2030\r\nEND:VEVENT\r\n"
-        "END:VCALENDAR\r\n"};
-    const char* lines[] = {"line 4", "line 5"};
-    for (int i = 0; i < 2; ++i) {
-        const ImportResult result = ImportCalendar({}, {}, cases[i], "/bad.ics", TimePoint());
-        EXPECT_NE(result.error.indexOf(lines[i]), -1) << result.error.toStdString();
-        EXPECT_FALSE(result.changed);
-    }
+        "/bad.ics", TimePoint());
+    EXPECT_NE(result.error.indexOf("line 4"), -1) << result.error.toStdString();
+    EXPECT_FALSE(result.changed);
 }
 
 }  // namespace

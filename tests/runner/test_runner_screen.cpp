@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <QDateTime>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QThread>
 
 #include "RunnerHarness.h"
@@ -14,6 +13,7 @@ namespace {
 
 using Vexlor::Testing::Outcome;
 using Vexlor::Testing::RunnerTest;
+using Vexlor::Testing::XServer;
 
 const QStringList SCREEN = {"--notify", "none",     "--no-keep-awake", "--capture",
                             "screen",   "--output", "videos"};
@@ -22,28 +22,10 @@ class ScreenTest : public RunnerTest {
 protected:
     void SetUp() override {
         RunnerTest::SetUp();
-        // Xvfb picks a free display and writes its number; it ends when the test's end
-        // closes the shell's standard input, even if the test crashes.
-        server.start("/bin/bash",
-                     {"-c",
-                      "Xvfb -displayfd 3 -nolisten tcp -noreset -br -screen 0 320x240x24 "
-                      "3>\"$0\" 2>/dev/null & read -r _; kill $!; wait",
-                      FilePath("display")});
-        QElapsedTimer clock;
-        clock.start();
-        while (!ReadFile("display").endsWith('\n') && clock.elapsed() < 10000) {
-            QThread::msleep(20);
-        }
-        const QString display = ":" + QString::fromUtf8(ReadFile("display")).trimmed();
-        ASSERT_GT(display.size(), 1) << "Xvfb did not start";
-        ASSERT_EQ(QProcess::execute("xsetroot", {"-display", display, "-solid", "red"}), 0);
-        environmentChanges["DISPLAY"] = display;
+        ASSERT_FALSE(server.display.isEmpty()) << "Xvfb did not start";
+        ASSERT_EQ(QProcess::execute("xsetroot", {"-display", server.display, "-solid", "red"}), 0);
+        environmentChanges["DISPLAY"] = server.display;
         environmentChanges["PULSE_SERVER"] = "unix:" + FilePath("no-sound");
-    }
-
-    void TearDown() override {
-        server.closeWriteChannel();
-        server.waitForFinished(5000);
     }
 
     QStringList Videos() const {
@@ -68,7 +50,7 @@ protected:
         return -1;
     }
 
-    QProcess server;
+    XServer server{folder, "320x240x24"};
 };
 
 TEST_F(ScreenTest, RecordsThePlannedWindowIntoANewFileWithASafeName) {
@@ -132,13 +114,13 @@ TEST_P(StopTest, AnOpenEndedCaptureEndsWithAFinishedFile) {
     ASSERT_EQ(Videos().size(), 1);
     // The duration is written with the file's last part: an unfinished file has none. After
     // kill -9 of run, ffmpeg finishes it on the guardian's SIGTERM.
-    QElapsedTimer clock;
-    clock.start();
     double duration = -1;
-    while (duration <= 1.0 && clock.elapsed() < 10000) {
-        QThread::msleep(200);
-        duration = Number(Probe(Videos().first(), "format=duration"), "duration");
-    }
+    Vexlor::Testing::Eventually(
+        [&] {
+            return (duration = Number(Probe(Videos().first(), "format=duration"), "duration")) >
+                   1.0;
+        },
+        10000);
     EXPECT_GT(duration, 1.0);
 }
 

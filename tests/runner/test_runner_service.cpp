@@ -5,110 +5,45 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDBusMessage>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QThread>
 
 #include "RunnerHarness.h"
+#include "fakes/MockBus.h"
 
 // The runner as a user service, and against real desktop services (a notification server
-// under Xvfb, logind mocked by dbusmock) on a private bus started by each test.
+// under Xvfb, logind mocked by dbusmock) on the test process's private bus.
 namespace {
 
+using Vexlor::Testing::MockService;
 using Vexlor::Testing::Outcome;
 using Vexlor::Testing::RunnerTest;
 
 class ServiceTest : public RunnerTest {
 protected:
-    void TearDown() override {
-        qunsetenv("NOTIFY_SOCKET");
-        if (bus) {
-            QDBusConnection::disconnectFromBus(bus->name());
-        }
-        for (auto it = helpers.rbegin(); it != helpers.rend(); ++it) {
-            (*it)->terminate();
-            (*it)->waitForFinished(5000);
-        }
-    }
-
-    QProcess& Helper(const QString& program, const QStringList& arguments,
-                     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment()) {
-        helpers.push_back(std::make_unique<QProcess>());
-        QProcess& process = *helpers.back();
-        process.setProcessEnvironment(environment);
-        process.setProcessChannelMode(QProcess::SeparateChannels);
-        process.start(program, arguments);
-        EXPECT_TRUE(process.waitForStarted(5000)) << program.toStdString();
-        return process;
-    }
-
-    static QString FirstLine(QProcess& process) {
-        for (int i = 0; i < 100 && !process.canReadLine(); ++i) {
-            process.waitForReadyRead(100);
-        }
-        return QString::fromUtf8(process.readLine()).trimmed();
-    }
-
-    // A bus of the test's own that activates nothing, as session and system bus of what it
-    // starts from now on.
-    void StartBus() {
-        QFile config(FilePath("bus.conf"));
-        ASSERT_TRUE(config.open(QIODevice::WriteOnly));
-        config.write(
-            "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen>"
-            "<auth>EXTERNAL</auth><policy context=\"default\"><allow own=\"*\"/>"
-            "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/></policy></busconfig>");
-        config.close();
-        address = FirstLine(Helper(
-            "dbus-daemon", {"--config-file=" + config.fileName(), "--nofork", "--print-address"}));
-        ASSERT_FALSE(address.isEmpty());
-        busAddress = address;
-        bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(address, "test"));
-        ASSERT_TRUE(bus->isConnected());
-    }
-
-    bool WaitForName(const QString& name) {
-        for (int i = 0; i < 150; ++i) {
-            if (bus->interface()->isServiceRegistered(name)) {
-                return true;
-            }
-            QThread::msleep(100);
-        }
-        return false;
-    }
+    void TearDown() override { qunsetenv("NOTIFY_SOCKET"); }
 
     bool WaitForOutput(QProcess& process, const QString& needle, int timeoutMs) {
         return RunnerTest::WaitForOutput(process, seen, needle, timeoutMs);
     }
 
-    QString address;
-    std::unique_ptr<QDBusConnection> bus;
-    std::vector<std::unique_ptr<QProcess>> helpers;
     QString seen;
 };
 
 // logind suspends despite the sleep lock when the lid closes. SIGSTOP stands in for the
 // suspend, so that the record falls due while the runner is frozen.
 TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
-    ASSERT_NO_FATAL_FAILURE(StartBus());
-    Helper("/usr/bin/python3", {"-m", "dbusmock", "--template", "logind"}, Environment());
-    ASSERT_TRUE(WaitForName("org.freedesktop.login1"));
-    const auto emitSleep = [this](bool start) {
-        QDBusMessage signal =
-            QDBusMessage::createMethodCall("org.freedesktop.login1", "/org/freedesktop/login1",
-                                           "org.freedesktop.DBus.Mock", "EmitSignal");
-        signal << "org.freedesktop.login1.Manager"
-               << "PrepareForSleep"
-               << "b" << QVariantList{start};
-        ASSERT_EQ(bus->call(signal).type(), QDBusMessage::ReplyMessage);
+    inheritBuses = true;
+    MockService logind(QStringLiteral("logind"));
+    ASSERT_TRUE(logind.Up());
+    const auto emitSleep = [&logind](bool start) {
+        ASSERT_TRUE(logind.Emit("org.freedesktop.login1.Manager", "PrepareForSleep", "b", {start}));
     };
     QElapsedTimer sinceAdd;
     sinceAdd.start();
@@ -139,10 +74,9 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
 // dunst on an X server of the test's own; what it shows is kept in the build tree as
 // VEXLOR_TEST_ARTEFACTS/notice-on-dunst.png.
 TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
-    ASSERT_NO_FATAL_FAILURE(StartBus());
-    const QString display = ":" + FirstLine(Helper("Xvfb", {"-displayfd", "1", "-screen", "0",
-                                                            "800x200x24", "-nolisten", "tcp"}));
-    ASSERT_NE(display, ":");
+    inheritBuses = true;
+    const Vexlor::Testing::XServer server(folder, "800x200x24");
+    ASSERT_FALSE(server.display.isEmpty()) << "Xvfb did not start";
     QFile config(FilePath("dunstrc"));
     ASSERT_TRUE(config.open(QIODevice::WriteOnly));
     config.write(
@@ -150,9 +84,15 @@ TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
         "[urgency_normal]\ntimeout = 0\n");
     config.close();
     QProcessEnvironment environment = Environment();
-    environment.insert("DISPLAY", display);
-    Helper("dunst", {"-config", config.fileName()}, environment);
-    ASSERT_TRUE(WaitForName("org.freedesktop.Notifications"));
+    environment.insert("DISPLAY", server.display);
+    QProcess dunst;
+    dunst.setProcessEnvironment(environment);
+    dunst.start("dunst", {"-config", config.fileName()});
+    const auto stopDunst = qScopeGuard([&dunst] {
+        dunst.terminate();
+        dunst.waitForFinished(5000);
+    });
+    ASSERT_TRUE(Vexlor::Testing::NameIs("org.freedesktop.Notifications"));
     const auto dunstctl = [&environment](const QStringList& arguments) {
         QProcess control;
         control.setProcessEnvironment(environment);
@@ -167,7 +107,7 @@ TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
     ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 15000)) << seen.toStdString();
     EXPECT_EQ(dunstctl({"count", "displayed"}), "1");
     const QString picture = VEXLOR_TEST_ARTEFACTS "/notice-on-dunst.png";
-    QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "x11grab", "-i", display,
+    QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "x11grab", "-i", server.display,
                                  "-frames:v", "1", picture});
     EXPECT_GT(QFileInfo(picture).size(), 0);
 

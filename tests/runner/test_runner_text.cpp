@@ -1,4 +1,3 @@
-#include <time.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -7,6 +6,7 @@
 
 #include "CommandLine.h"
 #include "Duration.h"
+#include "RunnerHarness.h"
 #include "SettingsPath.h"
 
 namespace Vexlor::ScheduleTool {
@@ -83,23 +83,7 @@ TEST(SettingsPathTest, OptionThenEnvironmentThenConfigFolder) {
 
 using testing::HasSubstr;
 
-// Sets TZ for one test and puts the old value back.
-class ZoneGuard {
-public:
-    explicit ZoneGuard(const char* zone)
-        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
-        qputenv("TZ", zone);
-        ::tzset();
-    }
-    ~ZoneGuard() {
-        had ? qputenv("TZ", old) : qunsetenv("TZ");
-        ::tzset();
-    }
-
-private:
-    bool had;
-    QByteArray old;
-};
+using Testing::ZoneGuard;
 
 // Seconds after the epoch, or -1 and text that the refusal must hold.
 struct AtRow {
