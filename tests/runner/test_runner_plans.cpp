@@ -72,6 +72,12 @@ TEST_P(ExpansionTest, GivesTheOccurrencesOnTheWallClock) {
     }
     const bool bounded = QString::fromLatin1(row.rule).contains(QRegularExpression("COUNT|UNTIL"));
     EXPECT_EQ(bounded ? got : got.mid(0, expected.size()), expected);
+    // The same plan after export and import into an empty schedule.
+    const QByteArray ics = WriteCalendar({}, {{plan}, {}}).toUtf8();
+    const ImportResult back = ImportCalendar({}, {}, ics, "/back.ics", TimePoint());
+    ASSERT_EQ(back.book.plans.size(), 1u) << back.error.toStdString() << ics.toStdString();
+    EXPECT_EQ(Occurrences(back.book.plans.front(), At("1970-01-02T00:00:00Z"), 12),
+              Occurrences(plan, At("1970-01-02T00:00:00Z"), 12));
 }
 
 const char* NY = "America/New_York";
@@ -146,6 +152,13 @@ INSTANTIATE_TEST_SUITE_P(
                      {},
                      {"2027-03-27T02:30:00+01:00", "2027-03-28T03:30:00+02:00",
                       "2027-03-29T02:30:00+02:00"}},
+        ExpansionRow{"BerlinDailyFromTheGap",
+                     "Europe/Berlin",
+                     "",
+                     "daily",
+                     "2027-03-28T02:30:00",
+                     {},
+                     {"2027-03-28T03:30:00+02:00", "2027-03-29T02:30:00+02:00"}},
         ExpansionRow{"BerlinFallBackTakesTheFirst",
                      "Europe/Berlin",
                      "",
@@ -284,6 +297,15 @@ TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
     EXPECT_EQ(second.schedule.front().startTime, At("2030-01-10T15:00:00Z"));
     EXPECT_TRUE(second.book.plans.empty());
     EXPECT_NE(second.lines.front().indexOf("1 added, 1 updated, 1 removed"), -1);
+}
+
+// The second 02:30 of a fold is written so that it is not read back as the first.
+TEST(ImportTest, TakesBackAnExportedRecordFromTheSecondHalfOfAFold) {
+    ZoneGuard tz("Europe/Berlin");
+    const QK::RecordTime late{QStringLiteral("Late"), At("2027-10-31T01:30:00Z"), Microseconds(0)};
+    const QByteArray ics = WriteCalendar({late}, {}).toUtf8();
+    EXPECT_EQ(ImportCalendar({}, {}, ics, "/back.ics", TimePoint()).schedule,
+              QK::RecordTimeList{late});
 }
 
 // A bad DTSTART is named by the command-line import test below.

@@ -21,6 +21,12 @@ namespace {
 
 const QByteArray TAG_PROPERTY = "X-VEXLOR-TAG";
 const QByteArray MODE_PROPERTY = "X-VEXLOR-MODE";
+// Qt has no valid QDateTime for a wall time the clocks skip, so the library cannot write a
+// DTSTART in a gap, which RFC 5545 3.3.5 allows. Such a start is given to the library as the
+// instant it stands for, with the wall time in this property, and put back into the text
+// after the library has written it.
+const QByteArray WALL_START_PROPERTY = "X-VEXLOR-WALL-START";
+const QString WALL_FORMAT = QStringLiteral("yyyyMMddTHHmmss");
 
 // What an event may hold: carried out, or bookkeeping that changes nothing here.
 const std::set<QString> USED = {
@@ -231,12 +237,15 @@ Reading ReadEvents(const QByteArray& bytes) {
             reading.skipped << QStringLiteral("skipped %1: it has no DTSTART").arg(where);
             continue;
         }
+        // A start in a gap is read as an invalid QDateTime that keeps its fields and zone.
         const QDateTime start = event->dtStart();
-        if (!start.isValid()) {
+        if (!start.date().isValid() || !start.time().isValid()) {
             reading.error = QStringLiteral("line %1: DTSTART could not be read")
                                 .arg(LineOf(scanned, "DTSTART"));
             return reading;
         }
+        const QDateTime wall(start.date(), start.time(), Qt::UTC);
+        const QString zone = ZoneOf(start);
         const QString title = event->summary().trimmed();
         if (event->allDay()) {
             reading.skipped
@@ -267,28 +276,30 @@ Reading ReadEvents(const QByteArray& bytes) {
             reading.skipped
                 << QStringLiteral("%1 (\"%2\"): left out %3").arg(where, title, unused.join(", "));
         }
+        if (!zone.isEmpty() && !QTimeZone(zone.toUtf8()).isValid()) {
+            reading.skipped << QStringLiteral("skipped %1 (\"%2\"): time zone %3 is unknown")
+                                   .arg(where, title, zone);
+            continue;
+        }
+        Entry entry;
+        entry.uid = scanned.uid;
+        entry.record.startTime = ResolveWallTime(wall, zone);
         long long seconds = 0;
         if (event->hasDuration()) {
             seconds = event->duration().asSeconds();
         } else if (event->hasEndDate()) {
-            seconds = start.secsTo(event->dtEnd());
+            // The end is read like the start, not as Qt picks in a gap or fold.
+            const QDateTime end = event->dtEnd();
+            seconds = (ResolveWallTime(QDateTime(end.date(), end.time(), Qt::UTC), ZoneOf(end)) -
+                       entry.record.startTime) /
+                      Time::Microseconds(1000000);
         }
         if (seconds < 0) {
             reading.error = QStringLiteral("line %1: the event ends before it starts")
                                 .arg(LineOf(scanned, "DTEND"));
             return reading;
         }
-        Entry entry;
-        entry.uid = scanned.uid;
-        const QString zone = ZoneOf(start);
-        if (!zone.isEmpty() && !QTimeZone(zone.toUtf8()).isValid()) {
-            reading.skipped << QStringLiteral("skipped %1 (\"%2\"): time zone %3 is unknown")
-                                   .arg(where, title, zone);
-            continue;
-        }
-        const QDateTime wall(start.date(), start.time(), Qt::UTC);
         entry.record.title = title;
-        entry.record.startTime = ResolveWallTime(wall, zone);
         entry.record.duration = Time::Microseconds(seconds * 1000000);
         entry.record.tag = event->nonKDECustomProperty(TAG_PROPERTY).toInt();
         if (event->nonKDECustomProperty(TAG_PROPERTY).isEmpty()) {
@@ -366,6 +377,24 @@ QString MadeUpUid(const QString& title, const QString& when) {
 
 QTimeZone ZoneFor(const QString& zone) {
     return zone.isEmpty() ? QTimeZone::systemTimeZone() : QTimeZone(zone.toUtf8());
+}
+
+// Writes the wall starts marked by WriteCalendar into their events' DTSTART lines.
+QString PutWallStarts(const QString& text) {
+    static const QRegularExpression mark(
+        QStringLiteral("\r\n%1:(\\d{8}T\\d{6})\r\n").arg(QString::fromLatin1(WALL_START_PROPERTY)));
+    static const QRegularExpression start(
+        QStringLiteral("(\r\nDTSTART;[^:\r\n]*:)\\d{8}T\\d{6}\r\n"));
+    const QString separator = QStringLiteral("\r\nBEGIN:VEVENT\r\n");
+    QStringList events = text.split(separator);
+    for (QString& event : events) {
+        const QRegularExpressionMatch wall = mark.match(event);
+        if (wall.hasMatch()) {
+            event.remove(wall.capturedStart() + 2, wall.capturedLength() - 2);
+            event.replace(start, QStringLiteral("\\1%1\r\n").arg(wall.captured(1)));
+        }
+    }
+    return events.join(separator);
 }
 
 }  // namespace
@@ -501,7 +530,15 @@ QString WriteCalendar(const QK::RecordTimeList& schedule, const PlanBook& book) 
         event->setUid(plan.uid.isEmpty() ? MadeUpUid(plan.title, plan.start.toString(Qt::ISODate))
                                          : plan.uid);
         event->setSummary(plan.title);
-        event->setDtStart(QDateTime(plan.start.date(), plan.start.time(), zone));
+        const QDateTime start(plan.start.date(), plan.start.time(), zone);
+        if (start.isValid()) {
+            event->setDtStart(start);
+        } else {
+            const Time::TimePoint instant = ResolveWallTime(plan.start, plan.zone);
+            event->setDtStart(
+                QDateTime::fromSecsSinceEpoch(instant.time_since_epoch().count() / 1000000, zone));
+            event->setNonKDECustomProperty(WALL_START_PROPERTY, plan.start.toString(WALL_FORMAT));
+        }
         describe(event, plan.duration, plan.tag, plan.mode);
         auto* rule = new KCalendarCore::RecurrenceRule;
         if (format.fromString(rule, plan.rule)) {
@@ -530,12 +567,16 @@ QString WriteCalendar(const QK::RecordTimeList& schedule, const PlanBook& book) 
         }
         event->setUid(uid);
         event->setSummary(record.title);
-        event->setDtStart(QDateTime::fromMSecsSinceEpoch(
-            record.startTime.time_since_epoch().count() / 1000, QTimeZone::systemTimeZone()));
+        // The second of two equal wall times of a fold would be read back as the first.
+        const long long seconds = record.startTime.time_since_epoch().count() / 1000000;
+        const bool second = ResolveWallTime(WallTimeAt(record.startTime, QString()), QString()) !=
+                            Time::TimePoint(Time::Microseconds(seconds * 1000000));
+        event->setDtStart(QDateTime::fromSecsSinceEpoch(
+            seconds, second ? QTimeZone::utc() : QTimeZone::systemTimeZone()));
         describe(event, record.duration, record.tag, static_cast<int>(record.mode));
         calendar->addEvent(event);
     }
-    return format.toString(calendar);
+    return PutWallStarts(format.toString(calendar));
 }
 
 }  // namespace Vexlor::ScheduleTool
