@@ -101,8 +101,7 @@ TEST_P(StopTest, AnOpenEndedCaptureEndsWithAFinishedFile) {
     Add({"Open", "--in", "1s", "--enable"});
     auto run = Start(QStringList{"run"} + SCREEN);
     QString seen;
-    ASSERT_TRUE(WaitForOutput(*run, seen, "recording started: \"Open\", no planned end", 10000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "recording started: \"Open\", no planned end", 10000));
     QThread::msleep(3000);
     ::kill(static_cast<pid_t>(run->processId()), GetParam());
     ASSERT_TRUE(run->waitForFinished(10000));
