@@ -119,28 +119,28 @@ TEST_P(ParseAtTest, TakesOnlyLocalTimesThatHappenOnceSince1970) {
 }
 
 // Clocks skip 02:00-03:00 and repeat 02:00-03:00 in Berlin, skip 02:00-02:30 at Lord Howe.
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ParseAtTest,
-    testing::Values(
-        AtRow{"Europe/Berlin", "2026-03-29 01:59", 1774745940, nullptr},
-        AtRow{"Europe/Berlin", "2026-03-29 02:30", -1,
-              "\"2026-03-29 02:30\" does not exist in local time: clocks skip from 02:00 to 03:00"},
-        AtRow{"Europe/Berlin", "2026-03-29 03:00", 1774746000, nullptr},
-        AtRow{"Europe/Berlin", "2026-10-25 01:59:59", 1792886399, nullptr},
-        AtRow{"Europe/Berlin", "2026-10-25 02:30", -1,
-              "at 2026-10-25T02:30:00+02:00 and at 2026-10-25T02:30:00+01:00"},
-        AtRow{"Europe/Berlin", "2026-10-25 03:00", 1792893600, nullptr},
-        // A plan's start as RFC 5545 reads it: 02:30+01:00, and the first 02:30.
-        AtRow{"Europe/Berlin", "2026-03-29 02:30", 1774747800, nullptr, "daily"},
-        AtRow{"Europe/Berlin", "2026-10-25 02:30", 1792888200, nullptr, "daily"},
-        AtRow{"America/New_York", "2026-03-08 02:30", -1, "clocks skip from 02:00 to 03:00"},
-        AtRow{"America/New_York", "2026-11-01 01:13:20", -1,
-              "at 2026-11-01T01:13:20-04:00 and at 2026-11-01T01:13:20-05:00"},
-        AtRow{"Australia/Lord_Howe", "2026-10-04 02:15", -1, "clocks skip from 02:00 to 02:30"},
-        AtRow{"UTC", "2026-03-29 02:30", 1774751400, nullptr},
-        AtRow{"UTC", "1970-01-01 00:00", 0, nullptr},
-        AtRow{"UTC", "1969-12-31 23:59:59", -1, "is before 1970"},
-        AtRow{"Europe/Berlin", "1970-01-01 00:30", -1, "is before 1970"}));
+const AtRow AT_ROWS[] = {
+    {"Europe/Berlin", "2026-03-29 01:59", 1774745940, nullptr},
+    {"Europe/Berlin", "2026-03-29 02:30", -1,
+     "\"2026-03-29 02:30\" does not exist in local time: clocks skip from 02:00 to 03:00"},
+    {"Europe/Berlin", "2026-03-29 03:00", 1774746000, nullptr},
+    {"Europe/Berlin", "2026-10-25 01:59:59", 1792886399, nullptr},
+    {"Europe/Berlin", "2026-10-25 02:30", -1,
+     "at 2026-10-25T02:30:00+02:00 and at 2026-10-25T02:30:00+01:00"},
+    {"Europe/Berlin", "2026-10-25 03:00", 1792893600, nullptr},
+    // A plan's start as RFC 5545 reads it: 02:30+01:00, and the first 02:30.
+    {"Europe/Berlin", "2026-03-29 02:30", 1774747800, nullptr, "daily"},
+    {"Europe/Berlin", "2026-10-25 02:30", 1792888200, nullptr, "daily"},
+    {"America/New_York", "2026-03-08 02:30", -1, "clocks skip from 02:00 to 03:00"},
+    {"America/New_York", "2026-11-01 01:13:20", -1,
+     "at 2026-11-01T01:13:20-04:00 and at 2026-11-01T01:13:20-05:00"},
+    {"Australia/Lord_Howe", "2026-10-04 02:15", -1, "clocks skip from 02:00 to 02:30"},
+    {"UTC", "2026-03-29 02:30", 1774751400, nullptr},
+    {"UTC", "1970-01-01 00:00", 0, nullptr},
+    {"UTC", "1969-12-31 23:59:59", -1, "is before 1970"},
+    {"Europe/Berlin", "1970-01-01 00:30", -1, "is before 1970"}};
+
+INSTANTIATE_TEST_SUITE_P(Rows, ParseAtTest, testing::ValuesIn(AT_ROWS));
 
 // An accepted command line as its fields in one line, or "refused: <error>".
 std::string Outcome(const ParseResult& parsed) {
