@@ -2,8 +2,6 @@
 
 #include <signal.h>
 
-#include <memory>
-
 #include <gtest/gtest.h>
 #include <QDBusArgument>
 #include <QDBusConnection>

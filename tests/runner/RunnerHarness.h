@@ -158,15 +158,19 @@ protected:
         return Finish(*Start(arguments), timeoutMs);
     }
 
-    // Reads standard output of a running program into `seen` until `needle` shows up.
-    bool WaitForOutput(QProcess& process, QString& seen, const QString& needle, int timeoutMs) {
-        return Eventually(
+    // Reads standard output of a running program into `seen` until `needle` shows up; a
+    // failure shows all that was seen.
+    testing::AssertionResult WaitForOutput(QProcess& process, QString& seen, const QString& needle,
+                                           int timeoutMs) {
+        const bool shown = Eventually(
             [&] {
                 process.waitForReadyRead(1);
                 seen += QString::fromUtf8(process.readAllStandardOutput());
                 return seen.contains(needle);
             },
             timeoutMs);
+        return shown ? testing::AssertionSuccess()
+                     : testing::AssertionFailure() << "output so far: " << seen.toStdString();
     }
 
     QByteArray ReadFile(const QString& name) const {

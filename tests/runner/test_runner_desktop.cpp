@@ -1,5 +1,3 @@
-#include <signal.h>
-
 #include <gtest/gtest.h>
 #include <QElapsedTimer>
 #include <QProcess>
@@ -29,7 +27,8 @@ protected:
         inheritBuses = true;
     }
 
-    bool WaitForOutput(QProcess& process, const QString& needle, int timeoutMs) {
+    testing::AssertionResult WaitForOutput(QProcess& process, const QString& needle,
+                                           int timeoutMs) {
         return RunnerTest::WaitForOutput(process, seen, needle, timeoutMs);
     }
 
@@ -54,12 +53,11 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
     ASSERT_EQ(Run({"enable"}).exitCode, 0);
     auto run = Start({"run"});
 
-    ASSERT_TRUE(WaitForOutput(*run, "sleep prevented: logind lock taken", 5000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "sleep prevented: logind lock taken", 5000));
     EXPECT_EQ(logind.Locks(), (QList<QStringList>{{"sleep", "vexlor-schedule",
                                                    "A scheduled recording is planned", "block"}}));
 
-    ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 13000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 13000));
     const QList<QVariantList> notices = server.Calls(QStringLiteral("Notify"));
     ASSERT_EQ(notices.size(), 1);
     EXPECT_EQ(notices[0][0], "vexlor-schedule");
@@ -72,11 +70,9 @@ TEST_F(DesktopRunnerTest, LockHeldWhileArmedAndNoticeShownThenWithdrawn) {
     // Emptying the schedule from another process ends the armed period at once and withdraws
     // the notice at the helper's next check.
     ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
-    ASSERT_TRUE(WaitForOutput(*run, "sleep allowed: logind lock released", 3000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "sleep allowed: logind lock released", 3000));
     EXPECT_TRUE(logind.Locks(0, 1000).isEmpty());
-    ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000));
     // The mock numbers its notices from 1.
     EXPECT_EQ(server.Calls(QStringLiteral("CloseNotification")), QList<QVariantList>{{1}});
     EXPECT_EQ(logind.Calls(QStringLiteral("Inhibit")).size(), 1);
@@ -99,12 +95,11 @@ TEST_F(DesktopRunnerTest, BusesThatNeverAnswerCostTwoSecondsOnceAndTheRecordingR
     sinceStart.start();
     auto run = Start({"run"});
     ASSERT_TRUE(WaitForOutput(*run, "scheduler running", 3000))
-        << "after " << sinceStart.elapsed() << " ms: " << seen.toStdString()
-        << warnings.toStdString();
+        << "after " << sinceStart.elapsed() << " ms; " << warnings.toStdString();
     EXPECT_GE(sinceStart.elapsed(), 1500);  // the checks did wait for an answer
     EXPECT_GE(bus.Accepted(), 2);           // one check per bus reached the silent socket
-    ASSERT_TRUE(WaitForOutput(*run, "recording started: \"Soon\"", 4000)) << seen.toStdString();
-    ASSERT_TRUE(WaitForOutput(*run, "recording finished: \"Soon\"", 4000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "recording started: \"Soon\"", 4000));
+    ASSERT_TRUE(WaitForOutput(*run, "recording finished: \"Soon\"", 4000));
     EXPECT_FALSE(seen.contains("records dropped")) << seen.toStdString();
     StopRun(*run);
 
@@ -122,11 +117,9 @@ TEST_F(DesktopRunnerTest, NoKeepAwakeTakesNoLockAndSaysNothingOfSleep) {
     ASSERT_TRUE(server.Up() && logind.Up());
     ASSERT_EQ(Run({"add", "Later", "--in", "4h", "--enable"}).exitCode, 0);
     auto run = Start({"run", "--no-keep-awake"});
-    ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000));
     ASSERT_EQ(Run({"disable"}).exitCode, 0);
-    ASSERT_TRUE(WaitForOutput(*run, "settings changed: scheduling off", 3000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "settings changed: scheduling off", 3000));
     StopRun(*run);
 
     EXPECT_FALSE(seen.contains("sleep")) << seen.toStdString();

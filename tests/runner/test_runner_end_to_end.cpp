@@ -113,7 +113,7 @@ TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
     Add({"Later", "--in", "4h", "--for", "1m", "--enable"});
     auto run = Start({"run", "--exec", "sleep 600", "--notify", "console"});
     QString seen;
-    ASSERT_TRUE(WaitForOutput(*run, seen, "started: \"Long one\"", 10000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "started: \"Long one\"", 10000));
 
     EXPECT_TRUE(Run({"status"}).out.contains("  began ")) << "and how it goes";
     const QJsonObject recording = JsonOf(Run({"status", "--json"}))["run"]["recording"].toObject();
@@ -128,14 +128,14 @@ TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
     const Outcome stopped = Run({"stop"});
     EXPECT_EQ(stopped.exitCode, 0) << stopped.err.toStdString();
     EXPECT_TRUE(stopped.out.contains("stopped \"Long one\"")) << stopped.out.toStdString();
-    ASSERT_TRUE(WaitForOutput(*run, seen, "finished: \"Next\"", 15000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "finished: \"Next\"", 15000));
     EXPECT_TRUE(seen.contains("finished: \"Long one\", stopped")) << seen.toStdString();
     const Outcome idle = Run({"stop"});
     EXPECT_EQ(idle.exitCode, 1);
     EXPECT_TRUE(idle.err.contains("nothing is being recorded")) << idle.err.toStdString();
 
     // The notice for "Later" comes with the notice helper's next check, within 10 s.
-    ASSERT_TRUE(WaitForOutput(*run, seen, "Notice", 15000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "Notice", 15000));
     const QJsonValue live = JsonOf(Run({"status", "--json"}));
     ExpectFields(live, {"enabled", "next", "run"});
     ExpectFields(live["run"], {"recording", "notices", "nextCapture"});
@@ -157,48 +157,24 @@ TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
     EXPECT_EQ(JsonOf(Run({"list", "--json"}))["records"], QJsonArray(records));
 }
 
-// Refused by the schedule; what the command line refuses is in the parse table.
-struct RefusedAdd {
-    const char* name;
-    QStringList arguments;
-    const char* named;  // what the message must name
-};
-
-void PrintTo(const RefusedAdd& row, std::ostream* out) {
-    *out << row.name;
-}
-
-class RefusedAddTest : public RunnerTest, public testing::WithParamInterface<RefusedAdd> {};
-
-TEST_P(RefusedAddTest, LeavesTheSettingsFileAsItWas) {
+// Refused by the schedule (what the command line refuses is in the parse table), and a title
+// that is not UTF-8 passed on by a shell as it is.
+TEST_F(RunnerTest, RefusedAddsLeaveTheSettingsFileAsItWas) {
     Add({"Planned", "--in", "1h", "--for", "30m", "--tag", "3"});
     const QByteArray before = ReadFile("settings.ini");
     ASSERT_FALSE(before.isEmpty());
-
-    const Outcome refused = Run(QStringList{"add"} + GetParam().arguments);
-    EXPECT_EQ(refused.exitCode, 1) << refused.err.toStdString();
-    EXPECT_TRUE(refused.err.contains(GetParam().named)) << refused.err.toStdString();
-    EXPECT_EQ(ReadFile("settings.ini"), before);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, RefusedAddTest,
-    testing::Values(
-        RefusedAdd{"DuplicateTitle", {"Planned", "--in", "5h"}, "\"Planned\""},
-        RefusedAdd{"Overlap", {"Other", "--in", "1h10m", "--for", "5m"}, "\"Planned\""},
-        RefusedAdd{"AlreadyOver", {"Past", "--at", "2020-01-01 10:00", "--for", "1h"}, "\"Past\""}),
-    [](const testing::TestParamInfo<RefusedAdd>& info) { return std::string(info.param.name); });
-
-TEST_F(RunnerTest, CommandHelpGoesToStandardOutput) {
-    const Outcome help = Run({"run", "--help"});
-    EXPECT_EQ(help.exitCode, 0);
-    EXPECT_TRUE(help.out.contains("--capture screen|simulate")) << help.out.toStdString();
-}
-
-// Through a shell, which passes the bytes on as they are.
-TEST_F(RunnerTest, TitleThatIsNotUtf8IsRefusedAsGiven) {
-    Add({"Planned", "--in", "1h"});
-    const QByteArray before = ReadFile("settings.ini");
+    const struct {
+        QStringList arguments;
+        const char* named;  // what the message must name
+    } rows[] = {{{"Planned", "--in", "5h"}, "\"Planned\""},
+                {{"Other", "--in", "1h10m", "--for", "5m"}, "\"Planned\""},
+                {{"Past", "--at", "2020-01-01 10:00", "--for", "1h"}, "\"Past\""}};
+    for (const auto& row : rows) {
+        const Outcome refused = Run(QStringList{"add"} + row.arguments);
+        EXPECT_EQ(refused.exitCode, 1) << refused.err.toStdString();
+        EXPECT_TRUE(refused.err.contains(row.named)) << refused.err.toStdString();
+        EXPECT_EQ(ReadFile("settings.ini"), before) << row.named;
+    }
     QProcess process;
     process.start("/bin/sh",
                   {"-c", "exec \"$0\" --settings \"$1\" add \"$(printf 'bad\\377')\" --in 2h",
@@ -208,6 +184,12 @@ TEST_F(RunnerTest, TitleThatIsNotUtf8IsRefusedAsGiven) {
     EXPECT_TRUE(refused.err.contains("argument 4 is not valid UTF-8: \"bad\\xff\""))
         << refused.err.toStdString();
     EXPECT_EQ(ReadFile("settings.ini"), before);
+}
+
+TEST_F(RunnerTest, CommandHelpGoesToStandardOutput) {
+    const Outcome help = Run({"run", "--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.out.contains("--capture screen|simulate")) << help.out.toStdString();
 }
 
 }  // namespace

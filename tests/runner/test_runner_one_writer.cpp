@@ -1,7 +1,6 @@
 #include <sys/mount.h>
 
 #include <errno.h>
-#include <signal.h>
 
 #include <cstring>
 
@@ -25,7 +24,7 @@ class OneWriterTest : public RunnerTest {
 protected:
     std::unique_ptr<QProcess> StartRun(const QStringList& arguments) {
         auto run = Start(QStringList{QStringLiteral("run")} + arguments);
-        EXPECT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000)) << seen.toStdString();
+        EXPECT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000));
         return run;
     }
 
@@ -104,8 +103,7 @@ TEST_F(OneWriterTest, EditsRacingARunThatStartsRecordingsAllHoldAndEachRecordRun
         run->waitForReadyRead(1);
         seen += QString::fromUtf8(run->readAllStandardOutput());
     }
-    ASSERT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Due 4\"", 5000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Due 4\"", 5000));
     EXPECT_GT(edits, 20);
 
     QStringList inRun = Listed();
@@ -132,7 +130,7 @@ TEST_F(OneWriterTest, ASymlinkOrARelativePathIsTheSameSchedule) {
     EXPECT_TRUE(second.err.contains("another run is active")) << second.err.toStdString();
 
     EXPECT_EQ(Run({"--settings", "link.ini", "add", "Via link", "--in", "2h"}).exitCode, 0);
-    EXPECT_TRUE(WaitForOutput(*run, seen, "2 recording(s) stored", 3000)) << seen.toStdString();
+    EXPECT_TRUE(WaitForOutput(*run, seen, "2 recording(s) stored", 3000));
     Stop(*run);
     EXPECT_EQ(Listed().size(), 2);
 }
@@ -148,13 +146,11 @@ TEST_F(OneWriterTest, ARecordUnderWayIsStartedAtOnceNeverAcceptedAndSkipped) {
     ASSERT_EQ(begun.exitCode, 0) << begun.err.toStdString();
     EXPECT_TRUE(begun.out.contains("it has begun")) << begun.out.toStdString();
     auto run = StartRun({});
-    EXPECT_TRUE(WaitForOutput(*run, seen, "recording started: \"Begun\"", 2000))
-        << seen.toStdString();
+    EXPECT_TRUE(WaitForOutput(*run, seen, "recording started: \"Begun\"", 2000));
     ASSERT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Begun\"", 6000));
 
     EXPECT_EQ(Run({"add", "Now", "--in", "0", "--for", "1s", "--enable"}).exitCode, 0);
-    EXPECT_TRUE(WaitForOutput(*run, seen, "recording started: \"Now\"", 2000))
-        << seen.toStdString();
+    EXPECT_TRUE(WaitForOutput(*run, seen, "recording started: \"Now\"", 2000));
     Stop(*run);
     EXPECT_FALSE(seen.contains("records dropped")) << seen.toStdString();
 }
@@ -166,8 +162,7 @@ TEST_F(OneWriterTest, LeadStartsTheCaptureEarlyAndItRunsToThePlannedEnd) {
     auto run = StartRun({"--lead", "2s", "--exec",
                          "trap 'date +%s%3N > ended.txt; exit 0' TERM; date +%s%3N > began.txt; "
                          "echo $VEXLOR_DURATION_MS > duration.txt; sleep 30 & wait"});
-    ASSERT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Ahead\"", 10000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Ahead\"", 10000));
     const qint64 began = ReadFile("began.txt").trimmed().toLongLong();
     const qint64 ended = ReadFile("ended.txt").trimmed().toLongLong();
     EXPECT_NEAR(plannedEnd.toMSecsSinceEpoch() - began, 4000, 500);
@@ -200,14 +195,13 @@ TEST_F(OneWriterTest, ARemovedSettingsFolderIsWrittenBackAndStillWatched) {
     ASSERT_EQ(Run({"--settings", settings, "add", "Later", "--in", "1h"}).exitCode, 0);
     ASSERT_EQ(Run({"--settings", settings, "enable"}).exitCode, 0);
     auto run = Start({"--settings", settings, "run"});
-    ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000));
 
     ASSERT_TRUE(QDir(FilePath("store")).removeRecursively());
-    ASSERT_TRUE(WaitForOutput(*run, seen, "settings file was gone", 3000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "settings file was gone", 3000));
     EXPECT_EQ(Listed({"--settings", settings}).size(), 1);
     HandEdit(settings, false);
-    EXPECT_TRUE(WaitForOutput(*run, seen, "settings changed: scheduling off", 3000))
-        << seen.toStdString();
+    EXPECT_TRUE(WaitForOutput(*run, seen, "settings changed: scheduling off", 3000));
     Stop(*run);
 }
 
@@ -266,7 +260,7 @@ TEST_P(StorageFaultTest, RunKeepsRecordingSaysWhyOnceAndCatchesUp) {
     ASSERT_EQ(Run(settings + QStringList{"add", "Due", "--in", "4s", "--for", "1s"}).exitCode, 0);
     ASSERT_EQ(Run(settings + QStringList{"enable"}).exitCode, 0);
     auto run = Start(settings + QStringList{"run", "--exec", "true"});
-    ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "scheduler running", 10000));
 
     QFile filler(store + "/filler");
     if (GetParam().fullDisk) {
@@ -280,8 +274,7 @@ TEST_P(StorageFaultTest, RunKeepsRecordingSaysWhyOnceAndCatchesUp) {
     const Outcome added = Run(settings + QStringList{"add", "Later", "--in", "1h"});
     EXPECT_EQ(added.exitCode, 0) << added.err.toStdString();
     EXPECT_TRUE(added.err.contains("not saved")) << added.err.toStdString();
-    EXPECT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Due\"", 8000))
-        << seen.toStdString();
+    EXPECT_TRUE(WaitForOutput(*run, seen, "recording finished: \"Due\"", 8000));
     EXPECT_TRUE(seen.contains(GetParam().reason)) << seen.toStdString();
     QThread::msleep(2500);  // a retry or more, which must not repeat the message
     seen += QString::fromUtf8(run->readAllStandardOutput());
@@ -289,7 +282,7 @@ TEST_P(StorageFaultTest, RunKeepsRecordingSaysWhyOnceAndCatchesUp) {
 
     filler.close();
     ASSERT_TRUE(GetParam().fullDisk ? QFile::remove(filler.fileName()) : QDir().rmdir(file));
-    EXPECT_TRUE(WaitForOutput(*run, seen, "settings saved again", 5000)) << seen.toStdString();
+    EXPECT_TRUE(WaitForOutput(*run, seen, "settings saved again", 5000));
     const QStringList listed = Listed(settings);
     ASSERT_EQ(listed.size(), 1) << listed.join('\n').toStdString();
     EXPECT_TRUE(listed[0].contains("\"Later\""));

@@ -57,7 +57,7 @@ TEST_P(LeftoverTest, CaptureProcessesEndWithTheCaptureOrTheRunner) {
     auto run = Start(
         {"run", "--until-empty", "--notify", "none", "--no-keep-awake", "--exec", row.command});
     QString seen;
-    ASSERT_TRUE(WaitForOutput(*run, seen, "recording started", 10000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, seen, "recording started", 10000));
     const long long shell = WaitForPid("shell.pid"), child = WaitForPid("child.pid");
     ASSERT_TRUE(shell > 0 && child > 0);
     if (row.signal != 0) {

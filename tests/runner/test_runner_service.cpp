@@ -29,7 +29,8 @@ class ServiceTest : public RunnerTest {
 protected:
     void TearDown() override { qunsetenv("NOTIFY_SOCKET"); }
 
-    bool WaitForOutput(QProcess& process, const QString& needle, int timeoutMs) {
+    testing::AssertionResult WaitForOutput(QProcess& process, const QString& needle,
+                                           int timeoutMs) {
         return RunnerTest::WaitForOutput(process, seen, needle, timeoutMs);
     }
 
@@ -51,20 +52,17 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
     Add({"Later", "--in", "4h", "--enable"});
     auto run = Start({"run", "--notify", "none"});
     // Listening from this line on.
-    ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000));
     ASSERT_TRUE(seen.contains("sleep prevented: logind lock taken")) << seen.toStdString();
 
     emitSleep(true);
     ASSERT_TRUE(WaitForOutput(
-        *run, "machine going to sleep: 2 recording(s) planned, the next \"Missed\" at", 3000))
-        << seen.toStdString();
+        *run, "machine going to sleep: 2 recording(s) planned, the next \"Missed\" at", 3000));
     ::kill(static_cast<pid_t>(run->processId()), SIGSTOP);
     QThread::msleep(static_cast<unsigned long>(std::max<qint64>(0, 6500 - sinceAdd.elapsed())));
     emitSleep(false);
     ::kill(static_cast<pid_t>(run->processId()), SIGCONT);
-    ASSERT_TRUE(WaitForOutput(*run, "machine woke up: missed while asleep: \"Missed\" at", 5000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "machine woke up: missed while asleep: \"Missed\" at", 5000));
     const Outcome stopped = Stop(*run);
     seen += stopped.out;
     EXPECT_FALSE(seen.contains("recording started")) << seen.toStdString();
@@ -104,7 +102,7 @@ TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
     Add({"Later", "--in", "4h", "--enable"});
     const QString at = Run({"list"}).out.section(' ', 1, 1).left(5);  // HH:MM
     auto run = Start({"run", "--notify", "desktop", "--no-keep-awake"});
-    ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 15000)) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "Notice on the desktop", 15000));
     EXPECT_EQ(dunstctl({"count", "displayed"}), "1");
     const QString picture = VEXLOR_TEST_ARTEFACTS "/notice-on-dunst.png";
     QProcess::execute("ffmpeg", {"-loglevel", "error", "-y", "-f", "x11grab", "-i", server.display,
@@ -112,8 +110,7 @@ TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
     EXPECT_GT(QFileInfo(picture).size(), 0);
 
     ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
-    ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000))
-        << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000));
     QString displayed;
     for (int i = 0; i < 30 && (displayed = dunstctl({"count", "displayed"})) != "0"; ++i) {
         QThread::msleep(100);
