@@ -88,6 +88,24 @@ void RemoveAbandonedLockFiles(const QString& path) {
     }
 }
 
+// Reads `fd` to its end, appending to `bytes`: the errno of a failed read, or 0.
+int ReadToEnd(int fd, QByteArray& bytes) {
+    for (;;) {
+        if (bytes.size() == bytes.capacity()) {
+            bytes.reserve(std::max(bytes.capacity() * 2, 16384));
+        }
+        const ssize_t got = ::read(fd, bytes.data() + bytes.size(),
+                                   static_cast<size_t>(bytes.capacity() - bytes.size()));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return got < 0 ? errno : 0;
+        }
+        bytes.resize(bytes.size() + static_cast<int>(got));
+    }
+}
+
 // QSettings only says that a read or a write failed. The system's reason comes from repeating
 // the steps it takes by hand: each returns the errno of the first one that fails now, or 0.
 
@@ -97,20 +115,8 @@ int ReadFailure(const QString& path) {
     if (fd < 0) {
         return errno == ENOENT ? 0 : errno;
     }
-    int error = 0;
-    char buffer[16384];
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            error = errno;
-        }
-        if (got <= 0) {
-            break;
-        }
-    }
+    QByteArray bytes;
+    const int error = ReadToEnd(fd, bytes);
     ::close(fd);
     return error;
 }
@@ -354,24 +360,7 @@ std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current(
     }
     QByteArray& bytes = fresh->bytes;
     bytes.reserve(static_cast<int>(std::min<off_t>(fresh->status.st_size + 1, 1 << 30)));
-    int error = 0;
-    for (;;) {
-        if (bytes.size() == bytes.capacity()) {
-            bytes.reserve(bytes.capacity() * 2);
-        }
-        const ssize_t got = ::read(fd, bytes.data() + bytes.size(),
-                                   static_cast<size_t>(bytes.capacity() - bytes.size()));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            error = errno;
-        }
-        if (got <= 0) {
-            break;
-        }
-        bytes.resize(bytes.size() + static_cast<int>(got));
-    }
+    int error = ReadToEnd(fd, bytes);
     // The status that goes with the bytes is the one after reading them.
     if (error == 0 && ::fstat(fd, &fresh->status) != 0) {
         error = errno;
