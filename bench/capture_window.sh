@@ -11,30 +11,12 @@ set -euo pipefail
 build="${1:?build directory}"
 count="${2:-24}"
 runner="$build/tools/vexlor-schedule/vexlor-schedule"
-work="$(mktemp -d)"
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-  done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/test-picture.sh"
+work="$scratch"
 export VEXLOR_SCHEDULE_SETTINGS="$work/settings.ini"
 duration=2
 spacing=5
-
-Xvfb -displayfd 3 -nolisten tcp -noreset -screen 0 1280x720x24 3> "$work/display" 2> /dev/null &
-pids+=($!)
-for _ in $(seq 100); do
-  grep -q . "$work/display" 2> /dev/null && break
-  sleep 0.1
-done
-export DISPLAY=":$(cat "$work/display")"
-SDL_AUDIODRIVER=dummy ffplay -loglevel quiet -an -noborder -left 0 -top 0 -x 1280 -y 720 \
-  -f lavfi -i "testsrc=size=1280x720:rate=30" > /dev/null 2>&1 &
-pids+=($!)
+show_test_picture 1280 720
 
 first=$(($(date +%s) + 8))
 for i in $(seq "$count"); do

@@ -14,31 +14,11 @@ cmake --build build-demo --target vexlor-schedule
 
 program="$root/build-demo/tools/vexlor-schedule/vexlor-schedule"
 videos="$root/build-demo/videos"
-workdir="$(mktemp -d)"
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do
-    kill "$pid" 2>/dev/null || true
-  done
-  wait 2>/dev/null || true
-  rm -rf "$workdir"
-}
-trap cleanup EXIT
-export VEXLOR_SCHEDULE_SETTINGS="$workdir/settings.ini"
+source "$root/scripts/test-picture.sh"
+export VEXLOR_SCHEDULE_SETTINGS="$scratch/settings.ini"
 
 if [ -z "${DISPLAY:-}" ]; then
-  # Xvfb writes the display it took once it accepts clients.
-  Xvfb -displayfd 3 -nolisten tcp -noreset -screen 0 640x480x24 3> "$workdir/display" \
-    2> /dev/null &
-  pids+=($!)
-  for _ in $(seq 100); do
-    grep -q . "$workdir/display" 2> /dev/null && break
-    sleep 0.1
-  done
-  export DISPLAY=":$(cat "$workdir/display")"
-  SDL_AUDIODRIVER=dummy ffplay -loglevel quiet -an -noborder -left 0 -top 0 -x 640 -y 480 \
-    -f lavfi -i "testsrc=size=640x480:rate=30" > /dev/null 2>&1 &
-  pids+=($!)
+  show_test_picture 640 480
   echo "(recording display $DISPLAY: Xvfb showing ffmpeg's moving test picture)"
 fi
 

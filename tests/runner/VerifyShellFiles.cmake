@@ -1,13 +1,7 @@
 # Installs the build to a prefix of its own: the completions and the manual page are where the
 # shells and man look, and the bash (and, where installed, fish) completion offers a stored
 # title that holds a space as one word.
-set(prefix "${WORK_DIR}/prefix")
-file(REMOVE_RECURSE "${WORK_DIR}")
-execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${prefix}"
-  RESULT_VARIABLE failed OUTPUT_QUIET)
-if(failed)
-  message(FATAL_ERROR "cmake --install failed")
-endif()
+include("${CMAKE_CURRENT_LIST_DIR}/InstallToPrefix.cmake")
 set(program "${prefix}/bin/vexlor-schedule")
 foreach(file bash-completion/completions/vexlor-schedule zsh/vendor-completions/_vexlor-schedule
     fish/vendor_completions.d/vexlor-schedule.fish man/man1/vexlor-schedule.1)
