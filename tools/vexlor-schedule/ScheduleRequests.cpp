@@ -413,10 +413,11 @@ EditOutcome Status(const ScheduleState& state, const EditContext& context, bool 
             outcome.out += CaptureLine(*context.live->capture, context.now);
         }
     }
-    outcome.out += Line(QStringLiteral("planned: %1 recordings (%2 of them from plans), %3 plans")
-                            .arg(state.schedule.size())
-                            .arg(fromPlans)
-                            .arg(state.plans.plans.size()));
+    outcome.out +=
+        Line(QStringLiteral("planned: %1 recording(s) (%2 of them from plans), %3 plan(s)")
+                 .arg(state.schedule.size())
+                 .arg(fromPlans)
+                 .arg(state.plans.plans.size()));
     const QString live = context.live ? LiveLines(*context.live, context.now) : QString();
     if (!next) {
         outcome.out += Line(QStringLiteral("next: none")) + live;
