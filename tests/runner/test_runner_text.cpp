@@ -163,12 +163,12 @@ TEST_P(ParseArgumentsTest, TakesTheBytesAsGiven) {
             : testing::Matcher<std::string>(expected));
 }
 
-// Not UTF-8: a stray byte, an overlong form, cut short.
+// Not UTF-8, wherever it stands: a stray byte, an overlong form, cut short.
 const ArgumentsRow ARGUMENT_ROWS[] = {
     {"NotUtf8", "add|bad\xff\t|--in|1h",
      "refused: argument 2 is not valid UTF-8: \"bad\\xff\\x09\""},
     {"Overlong", "add|\xc0\xaf|--in|1h", "refused: argument 2 "},
-    {"CutShort", "add|--in|1h|caf\xc3", "refused: argument 4 "},
+    {"CutShort", "upcoming|--count|caf\xc3", "refused: argument 3 "},
     {"Utf8", "add|caf\xc3\xa9 \xf0\x9f\x8e\xa5|--in|1h",
      "add caf\xc3\xa9 \xf0\x9f\x8e\xa5 in=1h for=0 tag=-1 mode=0"},
     {"ByteOrderMark", "add|\xef\xbb\xbfT|--in|1h", "add \xef\xbb\xbfT in=1h for=0 tag=-1 mode=0"},
