@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <QRegularExpression>
@@ -22,6 +23,8 @@ TimePoint At(const char* iso) {
         QDateTime::fromString(QString::fromLatin1(iso), Qt::ISODate).toSecsSinceEpoch() * SECOND));
 }
 
+using testing::AllOf;
+using testing::HasSubstr;
 using Testing::ZoneGuard;
 
 Plan PlanOf(const char* rule, const char* start, const char* zone = "") {
@@ -116,9 +119,6 @@ INSTANTIATE_TEST_SUITE_P(
             "2007-03-15T09:00:00-04:00 2007-03-30T09:00:00-04:00"},
         // Local time, both changes of 2027. In the gap the offset before it holds
         // (02:30 is 03:30 summer time); in the fold the first of the two is taken.
-        ExpansionRow{"BerlinWeeklyStaysAtTenInSpring", "Europe/Berlin", "", "weekly",
-                     "2027-03-22T10:00:00", "",
-                     "2027-03-22T10:00:00+01:00 2027-03-29T10:00:00+02:00"},
         ExpansionRow{
             "BerlinDailyThroughTheGap", "Europe/Berlin", "", "FREQ=DAILY;COUNT=3",
             "2027-03-27T02:30:00", "",
@@ -132,10 +132,10 @@ INSTANTIATE_TEST_SUITE_P(
         ExpansionRow{
             "NewYorkInTheGap", "America/New_York", "", "daily", "2027-03-13T02:30:00", "",
             "2027-03-13T02:30:00-05:00 2027-03-14T03:30:00-04:00 2027-03-15T02:30:00-04:00"},
-        ExpansionRow{"NewYorkSundayInTheFold", "America/New_York", "",
-                     "FREQ=WEEKLY;BYDAY=SU;COUNT=2", "2027-11-07T01:30:00", "",
+        ExpansionRow{"NewYorkSundayInTheFold", "America/New_York", "", "weekly",
+                     "2027-11-07T01:30:00", "",
                      "2027-11-07T01:30:00-04:00 2027-11-14T01:30:00-05:00"}),
-    [](const testing::TestParamInfo<ExpansionRow>& info) { return std::string(info.param.name); });
+    testing::PrintToStringParamName());
 
 // A daily plan at 10:00 UTC, looked at on the 1st at 09:00.
 TEST(TopUpTest, KeepsTheHorizonAndTheNextOneAndNeverPutsBackWhatLeft) {
@@ -151,20 +151,8 @@ TEST(TopUpTest, KeepsTheHorizonAndTheNextOneAndNeverPutsBackWhatLeft) {
     // The 1st ran and the 2nd was removed; a day later the horizon takes in the 9th.
     QK::RecordTimeList left(first.schedule.begin() + 2, first.schedule.end());
     const TopUpResult later = TopUp(left, first.book, At("2030-01-02T09:00:00Z"));
-    ASSERT_EQ(later.added.size(), 1u);
-    EXPECT_EQ(later.added.front().title, "Show (2030-01-09 10:00)");
-    EXPECT_EQ(later.added.front().startTime, At("2030-01-09T10:00:00Z"));
-}
-
-EditRequest PlanRequest(const char* title, const char* rule, const char* start, bool allowOverlap) {
-    EditRequest request;
-    request.command = CommandName::Add;
-    request.record.title = QString::fromLatin1(title);
-    request.record.duration = Microseconds(1800 * SECOND);
-    request.rule = QString::fromLatin1(rule);
-    request.wallStart = WallFromText(QString::fromLatin1(start));
-    request.allowOverlap = allowOverlap;
-    return request;
+    EXPECT_EQ(later.added,
+              (QK::RecordTimeList{{"Show (2030-01-09 10:00)", At("2030-01-09T10:00:00Z")}}));
 }
 
 // "Talk" is planned on Thursday 2030-01-03 at 10:15 for 30 min.
@@ -175,24 +163,27 @@ TEST(AddPlanTest, ChecksEveryOccurrenceWithinTheHorizon) {
     const ScheduleState state{{talk}, true};
     const EditContext context{At("2030-01-01T00:00:00Z"), std::nullopt, std::nullopt};
 
-    const EditOutcome refused =
-        ApplyEdit(state, PlanRequest("Standup", "weekdays", "2030-01-01T10:00:00", false), context);
+    EditRequest plan;
+    plan.command = CommandName::Add;
+    plan.record.title = QStringLiteral("Standup");
+    plan.record.duration = Microseconds(1800 * SECOND);
+    plan.rule = QStringLiteral("weekdays");
+    plan.wallStart = WallFromText(QStringLiteral("2030-01-01T10:00:00"));
+    const EditOutcome refused = ApplyEdit(state, plan, context);
     EXPECT_EQ(refused.exitCode, EXIT_REFUSED);
-    EXPECT_NE(refused.err.indexOf("\"Standup (2030-01-03 10:00)\""), -1)
-        << refused.err.toStdString();
-    EXPECT_NE(refused.err.indexOf("overlaps \"Talk\""), -1) << refused.err.toStdString();
+    EXPECT_THAT(refused.err.toStdString(),
+                HasSubstr("(2030-01-03 10:00)\" at 2030-01-03 10:00:00 for 30m overlaps \"Talk\""));
     EXPECT_FALSE(refused.changed);
 
-    const EditOutcome added =
-        ApplyEdit(state, PlanRequest("Standup", "weekdays", "2030-01-01T10:00:00", true), context);
+    plan.allowOverlap = true;
+    const EditOutcome added = ApplyEdit(state, plan, context);
     ASSERT_TRUE(added.changed) << added.err.toStdString();
     EXPECT_EQ(added.changed->plans.plans.size(), 1u);
     EXPECT_EQ(added.changed->schedule.size(), 7u);  // five weekdays, the next Monday, "Talk"
 
-    EditRequest remove;
-    remove.command = CommandName::Remove;
-    remove.title = QStringLiteral("Standup");
-    const EditOutcome removed = ApplyEdit(*added.changed, remove, context);
+    plan.command = CommandName::Remove;
+    plan.title = QStringLiteral("Standup");
+    const EditOutcome removed = ApplyEdit(*added.changed, plan, context);
     ASSERT_TRUE(removed.changed);
     EXPECT_EQ(removed.changed->schedule, QK::RecordTimeList{talk});
     EXPECT_TRUE(removed.changed->plans.empty());
@@ -210,35 +201,28 @@ const char CALENDAR[] =
     "BEGIN:VEVENT\r\nUID:holiday\r\nSUMMARY:Holiday\r\nDTSTART;VALUE=DATE:20300101\r\n"
     "END:VEVENT\r\nEND:VCALENDAR\r\n";
 
-QStringList Titles(const QK::RecordTimeList& schedule) {
-    QStringList titles;
-    for (const QK::RecordTime& record : schedule) {
-        titles << record.title;
-    }
-    return titles;
-}
-
 TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
     const QString source = QStringLiteral("/cal.ics");
     const TimePoint now = At("2030-01-06T00:00:00Z");
     const ImportResult first = ImportCalendar({}, {}, CALENDAR, source, now);
     ASSERT_TRUE(first.error.isEmpty()) << first.error.toStdString();
-    const QString report = first.lines.join('\n');
-    EXPECT_NE(report.indexOf("2 added"), -1) << report.toStdString();
-    EXPECT_NE(report.indexOf("Holiday\"): it has no time of day"), -1) << report.toStdString();
-    EXPECT_NE(report.indexOf("left out LOCATION"), -1) << report.toStdString();
+    EXPECT_THAT(first.lines.join('\n').toStdString(),
+                AllOf(HasSubstr("2 added"), HasSubstr("Holiday\"): it has no time of day"),
+                      HasSubstr("left out LOCATION")));
     // 10:00 in Berlin; the 14th is excepted, the 21st is the first after the horizon.
-    EXPECT_EQ(Titles(first.schedule),
-              QStringList({"Meeting (2030-01-07 10:00)", "Talk", "Meeting (2030-01-21 10:00)"}));
-    EXPECT_EQ(first.schedule.front().startTime, At("2030-01-07T09:00:00Z"));
-    EXPECT_EQ(first.schedule.front().duration, Microseconds(2700 * SECOND));
+    const Microseconds hour(3600 * SECOND), meeting(2700 * SECOND);
+    EXPECT_EQ(
+        first.schedule,
+        (QK::RecordTimeList{{"Meeting (2030-01-07 10:00)", At("2030-01-07T09:00:00Z"), meeting},
+                            {"Talk", At("2030-01-09T15:00:00Z"), hour},
+                            {"Meeting (2030-01-21 10:00)", At("2030-01-21T09:00:00Z"), meeting}}));
 
     EXPECT_FALSE(ImportCalendar(first.schedule, first.book, CALENDAR, source, now).changed);
 
     // The talk moves, the meeting is gone, a review is new.
     QByteArray updated = CALENDAR;
-    const int meeting = updated.indexOf("BEGIN:VEVENT\r\nUID:meeting");
-    updated.remove(meeting, updated.indexOf("BEGIN:VEVENT\r\nUID:talk") - meeting);
+    const int cut = updated.indexOf("BEGIN:VEVENT\r\nUID:meeting");
+    updated.remove(cut, updated.indexOf("BEGIN:VEVENT\r\nUID:talk") - cut);
     updated.replace("20300109T150000Z", "20300110T150000Z")
         .replace("20300109T160000Z", "20300110T160000Z")
         .replace("END:VCALENDAR",
@@ -246,8 +230,8 @@ TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
                  "DTSTART:20300111T090000Z\r\nDURATION:PT1H\r\nEND:VEVENT\r\n"
                  "END:VCALENDAR");
     const ImportResult second = ImportCalendar(first.schedule, first.book, updated, source, now);
-    EXPECT_EQ(Titles(second.schedule), QStringList({"Talk", "Review"}));
-    EXPECT_EQ(second.schedule.front().startTime, At("2030-01-10T15:00:00Z"));
+    EXPECT_EQ(second.schedule, (QK::RecordTimeList{{"Talk", At("2030-01-10T15:00:00Z"), hour},
+                                                   {"Review", At("2030-01-11T09:00:00Z"), hour}}));
     EXPECT_TRUE(second.book.plans.empty());
     EXPECT_NE(second.lines.front().indexOf("1 added, 1 updated, 1 removed"), -1);
 }
@@ -259,17 +243,6 @@ TEST(ImportTest, TakesBackAnExportedRecordFromTheSecondHalfOfAFold) {
     const QByteArray ics = WriteCalendar({late}, {}).toUtf8();
     EXPECT_EQ(ImportCalendar({}, {}, ics, "/back.ics", TimePoint()).schedule,
               QK::RecordTimeList{late});
-}
-
-// A bad DTSTART is named by the command-line import test below.
-TEST(ImportTest, RefusesALineThatIsNoPropertyNamingIt) {
-    const ImportResult result = ImportCalendar(
-        {}, {},
-        "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:a\r\nthis is no property\r\nEND:VEVENT\r\n"
-        "END:VCALENDAR\r\n",
-        "/bad.ics", TimePoint());
-    EXPECT_NE(result.error.indexOf("line 4"), -1) << result.error.toStdString();
-    EXPECT_FALSE(result.changed);
 }
 
 }  // namespace
@@ -296,11 +269,13 @@ TEST_F(RunnerTest, APlanEveryTwoSecondsRunsItsThreeRecordingsInOrder) {
     EXPECT_EQ(Run({"list"}).out, QString());
 }
 
+// A line that is no property, or a bad DTSTART, is named and refused.
 TEST_F(RunnerTest, ImportingAgainOrAMalformedFileLeavesTheSettingsAsTheyWere) {
-    QFile calendar(FilePath("cal.ics"));
-    ASSERT_TRUE(calendar.open(QIODevice::WriteOnly));
-    calendar.write(Vexlor::ScheduleTool::CALENDAR);
-    calendar.close();
+    const auto write = [this](const QByteArray& text) {
+        QFile calendar(FilePath("cal.ics"));
+        return calendar.open(QIODevice::WriteOnly) && calendar.write(text) > 0;
+    };
+    ASSERT_TRUE(write(Vexlor::ScheduleTool::CALENDAR));
     ASSERT_EQ(Run({"import", FilePath("cal.ics")}).exitCode, 0);
     const QByteArray imported = ReadFile("settings.ini");
     EXPECT_TRUE(Run({"upcoming", "--count", "3"}).out.contains("Meeting (2030-01-21 10:00)"));
@@ -310,13 +285,14 @@ TEST_F(RunnerTest, ImportingAgainOrAMalformedFileLeavesTheSettingsAsTheyWere) {
     EXPECT_TRUE(again.out.contains("2 unchanged")) << again.out.toStdString();
     EXPECT_EQ(ReadFile("settings.ini"), imported);
 
-    ASSERT_TRUE(calendar.open(QIODevice::WriteOnly));
-    calendar.write("BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:talk\r\nDTSTART:tomorrow\r\n");
-    calendar.close();
-    const Outcome malformed = Run({"import", FilePath("cal.ics")});
-    EXPECT_EQ(malformed.exitCode, 1);
-    EXPECT_TRUE(malformed.err.contains("line 4")) << malformed.err.toStdString();
-    EXPECT_EQ(ReadFile("settings.ini"), imported);
+    for (const char* line : {"this is no property", "DTSTART:tomorrow"}) {
+        ASSERT_TRUE(write(QByteArray("BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nUID:talk\r\n") + line +
+                          "\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n"));
+        const Outcome malformed = Run({"import", FilePath("cal.ics")});
+        EXPECT_EQ(malformed.exitCode, 1);
+        EXPECT_TRUE(malformed.err.contains("line 4")) << malformed.err.toStdString();
+        EXPECT_EQ(ReadFile("settings.ini"), imported);
+    }
 }
 
 }  // namespace
