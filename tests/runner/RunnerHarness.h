@@ -99,14 +99,17 @@ class RunnerTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(folder.isValid()); }
 
-    QString SettingsFile() const { return folder.filePath(QStringLiteral("settings.ini")); }
+    QString SettingsFile() const { return folder.filePath(settingsName); }
     QString FilePath(const QString& name) const { return folder.filePath(name); }
 
     // Unless told otherwise, both buses refuse at once: no notices or sleep locks on the
     // machine running the tests.
+    // The settings file is named with --settings, or else through the environment.
     QProcessEnvironment Environment() const {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"));
+        const QString settingsVariable = QStringLiteral("VEXLOR_SCHEDULE_SETTINGS");
+        settingsFromEnvironment ? environment.insert(settingsVariable, SettingsFile())
+                                : environment.remove(settingsVariable);
         if (!inheritBuses) {
             const QString address = busAddress.isEmpty()
                                         ? QStringLiteral("unix:path=") + FilePath("no-bus")
@@ -115,24 +118,15 @@ protected:
             environment.insert("DBUS_SYSTEM_BUS_ADDRESS", address);
         }
         for (const auto& [name, value] : environmentChanges) {
-            if (value) {
-                environment.insert(name, *value);
-            } else {
-                environment.remove(name);
-            }
+            value ? environment.insert(name, *value) : environment.remove(name);
         }
         return environment;
     }
 
-    // The settings file is named with --settings, or else through the environment.
     std::unique_ptr<QProcess> Start(const QStringList& arguments) {
         auto process = std::make_unique<QProcess>();
         process->setWorkingDirectory(folder.path());
-        QProcessEnvironment environment = Environment();
-        if (settingsFromEnvironment) {
-            environment.insert(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"), SettingsFile());
-        }
-        process->setProcessEnvironment(environment);
+        process->setProcessEnvironment(Environment());
         process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM),
                        settingsFromEnvironment
                            ? arguments
@@ -148,10 +142,13 @@ protected:
                 QString::fromUtf8(process.readAllStandardError())};
     }
 
-    // Stops a running `run` as SIGTERM does and takes what it printed since it was last read.
+    // Stops a running `run` as SIGTERM does and takes what it printed since it was last read,
+    // adding it to `seen` as well.
     Outcome Stop(QProcess& run) {
         ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
-        return Finish(run);
+        const Outcome stopped = Finish(run);
+        seen += stopped.out;
+        return stopped;
     }
 
     Outcome Run(const QStringList& arguments, int timeoutMs = 20000) {
@@ -172,6 +169,10 @@ protected:
         return shown ? testing::AssertionSuccess()
                      : testing::AssertionFailure() << "output so far: " << seen.toStdString();
     }
+    testing::AssertionResult WaitForOutput(QProcess& process, const QString& needle,
+                                           int timeoutMs) {
+        return WaitForOutput(process, seen, needle, timeoutMs);
+    }
 
     QByteArray ReadFile(const QString& name) const {
         QFile file(FilePath(name));
@@ -184,6 +185,8 @@ protected:
     }
 
     QTemporaryDir folder;
+    QString seen;  // what the waits without a `seen` of their own have read
+    QString settingsName = QStringLiteral("settings.ini");  // in `folder`
     // Set or (nullopt) removed in the environment of the programs started from now on.
     std::map<QString, std::optional<QString>> environmentChanges;
     bool settingsFromEnvironment = false;

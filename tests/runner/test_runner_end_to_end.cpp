@@ -112,8 +112,7 @@ TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
     Add({"Next", "--in", "6s", "--for", "1s", "--allow-overlap"});
     Add({"Later", "--in", "4h", "--for", "1m", "--enable"});
     auto run = Start({"run", "--exec", "sleep 600", "--notify", "console"});
-    QString seen;
-    ASSERT_TRUE(WaitForOutput(*run, seen, "started: \"Long one\"", 10000));
+    ASSERT_TRUE(WaitForOutput(*run, "started: \"Long one\"", 10000));
 
     EXPECT_TRUE(Run({"status"}).out.contains("  began ")) << "and how it goes";
     const QJsonObject recording = JsonOf(Run({"status", "--json"}))["run"]["recording"].toObject();
@@ -128,14 +127,14 @@ TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
     const Outcome stopped = Run({"stop"});
     EXPECT_EQ(stopped.exitCode, 0) << stopped.err.toStdString();
     EXPECT_TRUE(stopped.out.contains("stopped \"Long one\"")) << stopped.out.toStdString();
-    ASSERT_TRUE(WaitForOutput(*run, seen, "finished: \"Next\"", 15000));
+    ASSERT_TRUE(WaitForOutput(*run, "finished: \"Next\"", 15000));
     EXPECT_TRUE(seen.contains("finished: \"Long one\", stopped")) << seen.toStdString();
     const Outcome idle = Run({"stop"});
     EXPECT_EQ(idle.exitCode, 1);
     EXPECT_TRUE(idle.err.contains("nothing is being recorded")) << idle.err.toStdString();
 
     // The notice for "Later" comes with the notice helper's next check, within 10 s.
-    ASSERT_TRUE(WaitForOutput(*run, seen, "Notice", 15000));
+    ASSERT_TRUE(WaitForOutput(*run, "Notice", 15000));
     const QJsonValue live = JsonOf(Run({"status", "--json"}));
     ExpectFields(live, {"enabled", "next", "run"});
     ExpectFields(live["run"], {"recording", "notices", "nextCapture"});
