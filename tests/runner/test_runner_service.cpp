@@ -22,20 +22,9 @@
 namespace {
 
 using Vexlor::Testing::MockService;
-using Vexlor::Testing::Outcome;
 using Vexlor::Testing::RunnerTest;
 
-class ServiceTest : public RunnerTest {
-protected:
-    void TearDown() override { qunsetenv("NOTIFY_SOCKET"); }
-
-    testing::AssertionResult WaitForOutput(QProcess& process, const QString& needle,
-                                           int timeoutMs) {
-        return RunnerTest::WaitForOutput(process, seen, needle, timeoutMs);
-    }
-
-    QString seen;
-};
+class ServiceTest : public RunnerTest {};
 
 // logind suspends despite the sleep lock when the lid closes. SIGSTOP stands in for the
 // suspend, so that the record falls due while the runner is frozen.
@@ -63,8 +52,7 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
     emitSleep(false);
     ::kill(static_cast<pid_t>(run->processId()), SIGCONT);
     ASSERT_TRUE(WaitForOutput(*run, "machine woke up: missed while asleep: \"Missed\" at", 5000));
-    const Outcome stopped = Stop(*run);
-    seen += stopped.out;
+    Stop(*run);
     EXPECT_FALSE(seen.contains("recording started")) << seen.toStdString();
     EXPECT_FALSE(seen.contains("\"Later\" at")) << seen.toStdString();  // not missed
 }
@@ -111,11 +99,11 @@ TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
 
     ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
     ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000));
-    QString displayed;
-    for (int i = 0; i < 30 && (displayed = dunstctl({"count", "displayed"})) != "0"; ++i) {
-        QThread::msleep(100);
-    }
-    EXPECT_EQ(displayed, "0");
+    EXPECT_TRUE(Vexlor::Testing::Eventually(
+        [&dunstctl] {
+            return dunstctl({"count", "displayed"}) == "0";
+        },
+        3000));
     // A closed notice goes to the server's history, with what it showed.
     const QJsonArray history = QJsonDocument::fromJson(dunstctl({"history"}).toUtf8())
                                    .object()["data"]
@@ -129,33 +117,24 @@ TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
     Stop(*run);
 }
 
-struct ReadyRow {
-    const char* name;
-    bool enabled;
-    const char* status;
-};
-
-void PrintTo(const ReadyRow& row, std::ostream* out) {
-    *out << row.name;
-}
-
-class ServiceReady : public ServiceTest, public testing::WithParamInterface<ReadyRow> {};
-
-// systemd starts what waits for the service once READY=1 comes: by then the scheduler polls
-// (or, with scheduling off, the run takes the `enable` that switches it on).
-TEST_P(ServiceReady, ReadyOnceSchedulingIsArmedAndStoppingOnTheWayOut) {
+// systemd starts what waits for the service once READY=1 comes: by then the scheduler polls,
+// or, with scheduling off, the run takes the `enable` that switches it on. The first run
+// starts with scheduling off, the second with it on.
+TEST_F(ServiceTest, ReadyOnceSchedulingIsArmedAndStoppingOnTheWayOut) {
     if (!VEXLOR_RUNNER_NOTIFIES) {
         GTEST_SKIP() << "the runner was built without libsystemd";
     }
     const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(socket, 0);
+    const auto closeSocket = qScopeGuard([socket] { ::close(socket); });
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     const QByteArray path = FilePath("notify").toUtf8();
     std::copy(path.begin(), path.end(), name.sun_path);
     ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
-    qputenv("NOTIFY_SOCKET", path);
-    const auto receive = [socket](const char* what) {
+    environmentChanges["NOTIFY_SOCKET"] = path;
+    // What came until `what` did, or until nothing came for 10 s.
+    const auto receive = [socket](const QString& what) {
         QStringList got;
         pollfd ready{socket, POLLIN, 0};
         while (!got.contains(what) && ::poll(&ready, 1, 10000) == 1) {
@@ -166,32 +145,32 @@ TEST_P(ServiceReady, ReadyOnceSchedulingIsArmedAndStoppingOnTheWayOut) {
         }
         return got;
     };
+    const QString on = "STATUS=scheduling on, 1 recording(s) ahead";
 
-    Add(QStringList{"Later", "--in", "4h"} +
-        (GetParam().enabled ? QStringList{"--enable"} : QStringList{}));
-    auto run = Start({"run", "--notify", "none"});
-    const QStringList sent = receive("READY=1");
-    while (run->waitForReadyRead(0)) {
-        seen += QString::fromUtf8(run->readAllStandardOutput());
+    Add({"Later", "--in", "4h"});
+    for (const bool enabled : {false, true}) {
+        seen.clear();
+        auto run = Start({"run", "--notify", "none"});
+        const QStringList sent = receive("READY=1");
+        while (run->waitForReadyRead(0)) {
+            seen += QString::fromUtf8(run->readAllStandardOutput());
+        }
+        ASSERT_TRUE(sent.contains("READY=1")) << sent.join('|').toStdString();
+        EXPECT_TRUE(sent.contains(
+            enabled ? on : "STATUS=scheduling off: `vexlor-schedule enable` switches it on"))
+            << sent.join('|').toStdString();
+        // Printed before READY=1, once the scheduler was set up with the stored flag.
+        EXPECT_TRUE(seen.contains(
+            QStringLiteral("scheduler running: scheduling %1").arg(enabled ? "on" : "off")))
+            << seen.toStdString();
+        if (!enabled) {
+            ASSERT_EQ(Run({"enable"}).exitCode, 0);
+            EXPECT_TRUE(receive(on).contains(on));
+        }
+        ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
+        EXPECT_TRUE(receive("STOPPING=1").contains("STOPPING=1"));
+        EXPECT_EQ(Finish(*run).exitCode, 0);
     }
-    ASSERT_TRUE(sent.contains("READY=1")) << sent.join('|').toStdString();
-    EXPECT_TRUE(sent.contains(GetParam().status)) << sent.join('|').toStdString();
-    // Printed before READY=1, once the scheduler was set up with the stored flag.
-    EXPECT_TRUE(seen.contains(
-        QStringLiteral("scheduler running: scheduling %1").arg(GetParam().enabled ? "on" : "off")))
-        << seen.toStdString();
-
-    ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
-    EXPECT_TRUE(receive("STOPPING=1").contains("STOPPING=1"));
-    EXPECT_EQ(Finish(*run).exitCode, 0);
-    ::close(socket);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ServiceReady,
-    testing::Values(ReadyRow{"On", true, "STATUS=scheduling on, 1 recording(s) ahead"},
-                    ReadyRow{"Off", false,
-                             "STATUS=scheduling off: `vexlor-schedule enable` switches it on"}),
-    [](const testing::TestParamInfo<ReadyRow>& info) { return std::string(info.param.name); });
 
 }  // namespace
