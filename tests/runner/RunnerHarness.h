@@ -37,32 +37,35 @@ inline bool Eventually(const std::function<bool()>& done, int timeoutMs) {
     return true;
 }
 
+// Empty when the file cannot be read.
+inline QByteArray FileContents(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 inline bool ProcessEnded(long long pid) {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly)) {
-        return true;
-    }
     // A zombie has ended too; whether it is reaped depends on the machine's init.
-    const QByteArray text = stat.readAll();
-    return text.mid(text.lastIndexOf(')') + 2, 1) == "Z";
+    const QByteArray text = FileContents(QStringLiteral("/proc/%1/stat").arg(pid));
+    return text.isEmpty() || text.mid(text.lastIndexOf(')') + 2, 1) == "Z";
 }
 
 // Sets TZ for one test and puts the old value back.
 class ZoneGuard {
 public:
-    explicit ZoneGuard(const char* zone)
-        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
+    explicit ZoneGuard(const char* zone) {
+        if (qEnvironmentVariableIsSet("TZ")) {
+            old = qgetenv("TZ");
+        }
         qputenv("TZ", zone);
         ::tzset();
     }
     ~ZoneGuard() {
-        had ? qputenv("TZ", old) : qunsetenv("TZ");
+        old ? qputenv("TZ", *old) : qunsetenv("TZ");
         ::tzset();
     }
 
 private:
-    bool had;
-    QByteArray old;
+    std::optional<QByteArray> old;
 };
 
 // An X server of the test's own. Xvfb picks a free display and writes its number to a file in
@@ -76,12 +79,8 @@ public:
                      "Xvfb -displayfd 3 -nolisten tcp -noreset -br -screen 0 " + screen +
                          " 3>\"$0\" 2>/dev/null & read -r _; kill $!; wait",
                      numberFile});
-        const auto number = [&numberFile] {
-            QFile file(numberFile);
-            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-        };
-        if (Eventually([&] { return number().endsWith('\n'); }, 10000)) {
-            display = ":" + QString::fromUtf8(number()).trimmed();
+        if (Eventually([&] { return FileContents(numberFile).endsWith('\n'); }, 10000)) {
+            display = ":" + QString::fromUtf8(FileContents(numberFile)).trimmed();
         }
     }
     ~XServer() {
@@ -174,10 +173,7 @@ protected:
         return WaitForOutput(process, seen, needle, timeoutMs);
     }
 
-    QByteArray ReadFile(const QString& name) const {
-        QFile file(FilePath(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray ReadFile(const QString& name) const { return FileContents(FilePath(name)); }
 
     void Add(const QStringList& arguments) {
         const Outcome added = Run(QStringList{QStringLiteral("add")} + arguments);

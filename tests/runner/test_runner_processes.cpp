@@ -61,8 +61,7 @@ TEST_P(LeftoverTest, CaptureProcessesEndWithTheCaptureOrTheRunner) {
     EXPECT_EQ(run->exitStatus(), signal == SIGKILL ? QProcess::CrashExit : QProcess::NormalExit);
     if (signal != SIGKILL) {
         EXPECT_EQ(run->exitCode(), 0) << run->readAllStandardError().toStdString();
-        seen += QString::fromUtf8(run->readAllStandardOutput());
-        EXPECT_TRUE(seen.contains("recording finished: \"Capture\"")) << seen.toStdString();
+        EXPECT_TRUE(WaitForOutput(*run, "recording finished: \"Capture\"", 0));
     }
 }
 

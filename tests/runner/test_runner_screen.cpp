@@ -96,8 +96,7 @@ TEST_P(StopTest, AnOpenEndedCaptureEndsWithAFinishedFile) {
     ASSERT_TRUE(run->waitForFinished(10000));
     if (GetParam() == SIGTERM) {
         EXPECT_EQ(run->exitCode(), 0);
-        seen += QString::fromUtf8(run->readAllStandardOutput());
-        EXPECT_TRUE(seen.contains("stopped on request, saved to")) << seen.toStdString();
+        EXPECT_TRUE(WaitForOutput(*run, "stopped on request, saved to", 0));
     }
     ASSERT_EQ(Videos().size(), 1);
     // The duration is written with the file's last part: an unfinished file has none. After
