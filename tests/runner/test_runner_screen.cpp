@@ -53,9 +53,7 @@ TEST_F(ScreenTest, RecordsThePlannedWindowIntoANewFileWithASafeName) {
     Add({title, "--at", start.toString("yyyy-MM-dd HH:mm:ss"), "--for", "3s", "--enable"});
     ASSERT_TRUE(QDir().mkpath(FilePath("videos")));
     QFile taken(FilePath("videos/" + name + ".mkv"));
-    ASSERT_TRUE(taken.open(QIODevice::WriteOnly));
-    taken.write("kept");
-    taken.close();
+    ASSERT_TRUE(taken.open(QIODevice::WriteOnly) && taken.write("kept") == 4 && taken.flush());
 
     const Outcome run = Run(QStringList{"run", "--until-empty", "--audio"} + SCREEN);
     EXPECT_EQ(run.exitCode, 0) << run.err.toStdString();

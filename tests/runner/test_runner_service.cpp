@@ -32,9 +32,6 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
     inheritBuses = true;
     MockService logind(QStringLiteral("logind"));
     ASSERT_TRUE(logind.Up());
-    const auto emitSleep = [&logind](bool start) {
-        ASSERT_TRUE(logind.Emit("org.freedesktop.login1.Manager", "PrepareForSleep", "b", {start}));
-    };
     QElapsedTimer sinceAdd;
     sinceAdd.start();
     Add({"Missed", "--in", "5s", "--for", "1s"});
@@ -44,12 +41,12 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
     ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000));
     ASSERT_TRUE(seen.contains("sleep prevented: logind lock taken")) << seen.toStdString();
 
-    emitSleep(true);
+    ASSERT_TRUE(logind.Emit("org.freedesktop.login1.Manager", "PrepareForSleep", "b", {true}));
     ASSERT_TRUE(WaitForOutput(
         *run, "machine going to sleep: 2 recording(s) planned, the next \"Missed\" at", 3000));
     ::kill(static_cast<pid_t>(run->processId()), SIGSTOP);
     QThread::msleep(static_cast<unsigned long>(std::max<qint64>(0, 6500 - sinceAdd.elapsed())));
-    emitSleep(false);
+    ASSERT_TRUE(logind.Emit("org.freedesktop.login1.Manager", "PrepareForSleep", "b", {false}));
     ::kill(static_cast<pid_t>(run->processId()), SIGCONT);
     ASSERT_TRUE(WaitForOutput(*run, "machine woke up: missed while asleep: \"Missed\" at", 5000));
     Stop(*run);
