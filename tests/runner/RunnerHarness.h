@@ -37,32 +37,35 @@ inline bool Eventually(const std::function<bool()>& done, int timeoutMs) {
     return true;
 }
 
+// Empty when the file cannot be read.
+inline QByteArray FileContents(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 inline bool ProcessEnded(long long pid) {
-    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-    if (!stat.open(QIODevice::ReadOnly)) {
-        return true;
-    }
     // A zombie has ended too; whether it is reaped depends on the machine's init.
-    const QByteArray text = stat.readAll();
-    return text.mid(text.lastIndexOf(')') + 2, 1) == "Z";
+    const QByteArray text = FileContents(QStringLiteral("/proc/%1/stat").arg(pid));
+    return text.isEmpty() || text.mid(text.lastIndexOf(')') + 2, 1) == "Z";
 }
 
 // Sets TZ for one test and puts the old value back.
 class ZoneGuard {
 public:
-    explicit ZoneGuard(const char* zone)
-        : had(qEnvironmentVariableIsSet("TZ")), old(qgetenv("TZ")) {
+    explicit ZoneGuard(const char* zone) {
+        if (qEnvironmentVariableIsSet("TZ")) {
+            old = qgetenv("TZ");
+        }
         qputenv("TZ", zone);
         ::tzset();
     }
     ~ZoneGuard() {
-        had ? qputenv("TZ", old) : qunsetenv("TZ");
+        old ? qputenv("TZ", *old) : qunsetenv("TZ");
         ::tzset();
     }
 
 private:
-    bool had;
-    QByteArray old;
+    std::optional<QByteArray> old;
 };
 
 // An X server of the test's own. Xvfb picks a free display and writes its number to a file in
@@ -76,12 +79,8 @@ public:
                      "Xvfb -displayfd 3 -nolisten tcp -noreset -br -screen 0 " + screen +
                          " 3>\"$0\" 2>/dev/null & read -r _; kill $!; wait",
                      numberFile});
-        const auto number = [&numberFile] {
-            QFile file(numberFile);
-            return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-        };
-        if (Eventually([&] { return number().endsWith('\n'); }, 10000)) {
-            display = ":" + QString::fromUtf8(number()).trimmed();
+        if (Eventually([&] { return FileContents(numberFile).endsWith('\n'); }, 10000)) {
+            display = ":" + QString::fromUtf8(FileContents(numberFile)).trimmed();
         }
     }
     ~XServer() {
@@ -99,14 +98,17 @@ class RunnerTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(folder.isValid()); }
 
-    QString SettingsFile() const { return folder.filePath(QStringLiteral("settings.ini")); }
+    QString SettingsFile() const { return folder.filePath(settingsName); }
     QString FilePath(const QString& name) const { return folder.filePath(name); }
 
     // Unless told otherwise, both buses refuse at once: no notices or sleep locks on the
     // machine running the tests.
+    // The settings file is named with --settings, or else through the environment.
     QProcessEnvironment Environment() const {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.remove(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"));
+        const QString settingsVariable = QStringLiteral("VEXLOR_SCHEDULE_SETTINGS");
+        settingsFromEnvironment ? environment.insert(settingsVariable, SettingsFile())
+                                : environment.remove(settingsVariable);
         if (!inheritBuses) {
             const QString address = busAddress.isEmpty()
                                         ? QStringLiteral("unix:path=") + FilePath("no-bus")
@@ -115,24 +117,15 @@ protected:
             environment.insert("DBUS_SYSTEM_BUS_ADDRESS", address);
         }
         for (const auto& [name, value] : environmentChanges) {
-            if (value) {
-                environment.insert(name, *value);
-            } else {
-                environment.remove(name);
-            }
+            value ? environment.insert(name, *value) : environment.remove(name);
         }
         return environment;
     }
 
-    // The settings file is named with --settings, or else through the environment.
     std::unique_ptr<QProcess> Start(const QStringList& arguments) {
         auto process = std::make_unique<QProcess>();
         process->setWorkingDirectory(folder.path());
-        QProcessEnvironment environment = Environment();
-        if (settingsFromEnvironment) {
-            environment.insert(QStringLiteral("VEXLOR_SCHEDULE_SETTINGS"), SettingsFile());
-        }
-        process->setProcessEnvironment(environment);
+        process->setProcessEnvironment(Environment());
         process->start(QStringLiteral(VEXLOR_SCHEDULE_PROGRAM),
                        settingsFromEnvironment
                            ? arguments
@@ -148,10 +141,13 @@ protected:
                 QString::fromUtf8(process.readAllStandardError())};
     }
 
-    // Stops a running `run` as SIGTERM does and takes what it printed since it was last read.
+    // Stops a running `run` as SIGTERM does and takes what it printed since it was last read,
+    // adding it to `seen` as well.
     Outcome Stop(QProcess& run) {
         ::kill(static_cast<pid_t>(run.processId()), SIGTERM);
-        return Finish(run);
+        const Outcome stopped = Finish(run);
+        seen += stopped.out;
+        return stopped;
     }
 
     Outcome Run(const QStringList& arguments, int timeoutMs = 20000) {
@@ -172,11 +168,12 @@ protected:
         return shown ? testing::AssertionSuccess()
                      : testing::AssertionFailure() << "output so far: " << seen.toStdString();
     }
-
-    QByteArray ReadFile(const QString& name) const {
-        QFile file(FilePath(name));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    testing::AssertionResult WaitForOutput(QProcess& process, const QString& needle,
+                                           int timeoutMs) {
+        return WaitForOutput(process, seen, needle, timeoutMs);
     }
+
+    QByteArray ReadFile(const QString& name) const { return FileContents(FilePath(name)); }
 
     void Add(const QStringList& arguments) {
         const Outcome added = Run(QStringList{QStringLiteral("add")} + arguments);
@@ -184,6 +181,8 @@ protected:
     }
 
     QTemporaryDir folder;
+    QString seen;  // what the waits without a `seen` of their own have read
+    QString settingsName = QStringLiteral("settings.ini");  // in `folder`
     // Set or (nullopt) removed in the environment of the programs started from now on.
     std::map<QString, std::optional<QString>> environmentChanges;
     bool settingsFromEnvironment = false;

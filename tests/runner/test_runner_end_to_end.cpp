@@ -20,55 +20,43 @@ const QString WRITE_ENVIRONMENT = QStringLiteral(
     "\"$VEXLOR_TAG\" \"$VEXLOR_MODE\" >> environment.txt");
 
 // The settings file comes from the environment here; the title is one that a shell would
-// expand if the runner ever let one read it.
-TEST_F(RunnerTest, TwoRecordingsRunInOrderWithTheirValuesAndLeaveTheScheduleEmpty) {
+// expand if the runner ever let one read it. The command outlasts each recording, so each
+// capture ends with its duration; a record due during a capture is dropped unrun.
+TEST_F(RunnerTest, RecordingsRunInOrderWithTheirValuesOrAreDroppedAndLeaveTheScheduleEmpty) {
     settingsFromEnvironment = true;
     const QString title = QStringLiteral("$(touch x); \"quotes\" `touch y` 'z'");
     // Far enough ahead for the five commands before the run, also in a sanitizer build.
-    Add({"First", "--in", "4s", "--for", "1s", "--tag", "7", "--mode", "1"});
-    Add({title, "--in", "6s", "--for", "1s"});
-    ASSERT_EQ(Run({"enable"}).exitCode, 0);
+    Add({"First", "--in", "4s", "--for", "3s", "--tag", "7", "--mode", "1"});
+    Add({"Squeezed", "--in", "5s", "--for", "1s", "--allow-overlap"});
+    Add({title, "--in", "8s", "--for", "1s", "--enable"});
     ASSERT_TRUE(QFile::exists(SettingsFile()));
     const QString status = Run({"status"}).out;
     EXPECT_TRUE(status.contains("next: \"First\"")) << status.toStdString();
     const QStringList listed = Run({"list"}).out.split('\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(listed.size(), 2);
+    ASSERT_EQ(listed.size(), 3);
     EXPECT_TRUE(listed[0].contains("\"First\"  tag 7  mode 1")) << listed[0].toStdString();
 
-    const Outcome run = Run({"run", "--until-empty", "--exec", WRITE_ENVIRONMENT});
+    const Outcome run = Run({"run", "--until-empty", "--exec", WRITE_ENVIRONMENT + "; sleep 10"});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
+    EXPECT_TRUE(run.out.contains("records dropped: \"Squeezed\"")) << run.out.toStdString();
+    EXPECT_FALSE(run.out.contains("records dropped: \"First\"")) << run.out.toStdString();
     const QStringList lines =
         QString::fromUtf8(ReadFile("environment.txt")).split('\n', Qt::SkipEmptyParts);
     ASSERT_EQ(lines.size(), 2) << run.out.toStdString();
     const QStringList first = lines[0].split('|'), second = lines[1].split('|');
-    EXPECT_EQ(first.mid(3), (QStringList{"7", "1"}));
+    EXPECT_EQ(first.mid(0, 1) + first.mid(3), (QStringList{"First", "7", "1"}));
     EXPECT_EQ(second.mid(0, 1) + second.mid(3), (QStringList{title, "-1", "0"}));
     EXPECT_FALSE(QFile::exists(FilePath("x")) || QFile::exists(FilePath("y")));
-    for (const QStringList& capture : {first, second}) {
-        // What the observers got: the planned second, less the lateness of the start.
-        EXPECT_NEAR(capture.value(2).toLongLong(), 1000, 150) << capture.join('|').toStdString();
-    }
+    // What the observers got: the planned length, less the lateness of the start.
+    EXPECT_NEAR(first.value(2).toLongLong(), 3000, 150) << lines.join('\n').toStdString();
+    EXPECT_NEAR(second.value(2).toLongLong(), 1000, 150) << lines.join('\n').toStdString();
     const QDateTime firstStart = QDateTime::fromString(first.value(1), Qt::ISODateWithMs);
     const QDateTime secondStart = QDateTime::fromString(second.value(1), Qt::ISODateWithMs);
     ASSERT_TRUE(firstStart.isValid() && secondStart.isValid()) << lines.join('\n').toStdString();
-    EXPECT_NEAR(firstStart.msecsTo(secondStart), 2000, 500);
+    EXPECT_NEAR(firstStart.msecsTo(secondStart), 4000, 500);
 
     EXPECT_EQ(Run({"list"}).out, QString());
     EXPECT_TRUE(Run({"status"}).out.contains("scheduling: disabled"));
-}
-
-TEST_F(RunnerTest, RecordDueDuringACaptureIsDroppedUnrun) {
-    Add({"Running", "--in", "1s", "--for", "3s"});
-    Add({"Squeezed", "--in", "2s", "--for", "1s", "--allow-overlap"});
-    ASSERT_EQ(Run({"enable"}).exitCode, 0);
-
-    // The command outlasts the recording, so the capture ends with its duration.
-    const Outcome run = Run({"run", "--until-empty", "--exec", WRITE_ENVIRONMENT + "; sleep 10"});
-    EXPECT_EQ(run.exitCode, 0);
-    EXPECT_TRUE(run.out.contains("records dropped: \"Squeezed\"")) << run.out.toStdString();
-    EXPECT_FALSE(run.out.contains("records dropped: \"Running\""));
-    EXPECT_TRUE(ReadFile("environment.txt").startsWith("Running|"));
-    EXPECT_EQ(ReadFile("environment.txt").count('\n'), 1);
 }
 
 // The one JSON document on standard output.
@@ -112,8 +100,7 @@ TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
     Add({"Next", "--in", "6s", "--for", "1s", "--allow-overlap"});
     Add({"Later", "--in", "4h", "--for", "1m", "--enable"});
     auto run = Start({"run", "--exec", "sleep 600", "--notify", "console"});
-    QString seen;
-    ASSERT_TRUE(WaitForOutput(*run, seen, "started: \"Long one\"", 10000));
+    ASSERT_TRUE(WaitForOutput(*run, "started: \"Long one\"", 10000));
 
     EXPECT_TRUE(Run({"status"}).out.contains("  began ")) << "and how it goes";
     const QJsonObject recording = JsonOf(Run({"status", "--json"}))["run"]["recording"].toObject();
@@ -128,14 +115,14 @@ TEST_F(RunnerTest, StatusAsksTheRunAndStopEndsTheCaptureButNotTheSchedule) {
     const Outcome stopped = Run({"stop"});
     EXPECT_EQ(stopped.exitCode, 0) << stopped.err.toStdString();
     EXPECT_TRUE(stopped.out.contains("stopped \"Long one\"")) << stopped.out.toStdString();
-    ASSERT_TRUE(WaitForOutput(*run, seen, "finished: \"Next\"", 15000));
+    ASSERT_TRUE(WaitForOutput(*run, "finished: \"Next\"", 15000));
     EXPECT_TRUE(seen.contains("finished: \"Long one\", stopped")) << seen.toStdString();
     const Outcome idle = Run({"stop"});
     EXPECT_EQ(idle.exitCode, 1);
     EXPECT_TRUE(idle.err.contains("nothing is being recorded")) << idle.err.toStdString();
 
     // The notice for "Later" comes with the notice helper's next check, within 10 s.
-    ASSERT_TRUE(WaitForOutput(*run, seen, "Notice", 15000));
+    ASSERT_TRUE(WaitForOutput(*run, "Notice", 15000));
     const QJsonValue live = JsonOf(Run({"status", "--json"}));
     ExpectFields(live, {"enabled", "next", "run"});
     ExpectFields(live["run"], {"recording", "notices", "nextCapture"});

@@ -9,7 +9,7 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QJsonObject>
+#include <QJsonValue>
 #include <QProcess>
 #include <QScopeGuard>
 #include <QThread>
@@ -22,20 +22,9 @@
 namespace {
 
 using Vexlor::Testing::MockService;
-using Vexlor::Testing::Outcome;
 using Vexlor::Testing::RunnerTest;
 
-class ServiceTest : public RunnerTest {
-protected:
-    void TearDown() override { qunsetenv("NOTIFY_SOCKET"); }
-
-    testing::AssertionResult WaitForOutput(QProcess& process, const QString& needle,
-                                           int timeoutMs) {
-        return RunnerTest::WaitForOutput(process, seen, needle, timeoutMs);
-    }
-
-    QString seen;
-};
+class ServiceTest : public RunnerTest {};
 
 // logind suspends despite the sleep lock when the lid closes. SIGSTOP stands in for the
 // suspend, so that the record falls due while the runner is frozen.
@@ -43,9 +32,6 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
     inheritBuses = true;
     MockService logind(QStringLiteral("logind"));
     ASSERT_TRUE(logind.Up());
-    const auto emitSleep = [&logind](bool start) {
-        ASSERT_TRUE(logind.Emit("org.freedesktop.login1.Manager", "PrepareForSleep", "b", {start}));
-    };
     QElapsedTimer sinceAdd;
     sinceAdd.start();
     Add({"Missed", "--in", "5s", "--for", "1s"});
@@ -55,16 +41,15 @@ TEST_F(ServiceTest, SleepDespiteTheLockIsReportedAndTheMissedRecordNamed) {
     ASSERT_TRUE(WaitForOutput(*run, "scheduler running: scheduling on", 5000));
     ASSERT_TRUE(seen.contains("sleep prevented: logind lock taken")) << seen.toStdString();
 
-    emitSleep(true);
+    ASSERT_TRUE(logind.Emit("org.freedesktop.login1.Manager", "PrepareForSleep", "b", {true}));
     ASSERT_TRUE(WaitForOutput(
         *run, "machine going to sleep: 2 recording(s) planned, the next \"Missed\" at", 3000));
     ::kill(static_cast<pid_t>(run->processId()), SIGSTOP);
     QThread::msleep(static_cast<unsigned long>(std::max<qint64>(0, 6500 - sinceAdd.elapsed())));
-    emitSleep(false);
+    ASSERT_TRUE(logind.Emit("org.freedesktop.login1.Manager", "PrepareForSleep", "b", {false}));
     ::kill(static_cast<pid_t>(run->processId()), SIGCONT);
     ASSERT_TRUE(WaitForOutput(*run, "machine woke up: missed while asleep: \"Missed\" at", 5000));
-    const Outcome stopped = Stop(*run);
-    seen += stopped.out;
+    Stop(*run);
     EXPECT_FALSE(seen.contains("recording started")) << seen.toStdString();
     EXPECT_FALSE(seen.contains("\"Later\" at")) << seen.toStdString();  // not missed
 }
@@ -111,51 +96,37 @@ TEST_F(ServiceTest, NoticeShownByARealNotificationServerAndClosedOnRemove) {
 
     ASSERT_EQ(Run({"remove", "Later"}).exitCode, 0);
     ASSERT_TRUE(WaitForOutput(*run, "Notice withdrawn from the desktop", 12000));
-    QString displayed;
-    for (int i = 0; i < 30 && (displayed = dunstctl({"count", "displayed"})) != "0"; ++i) {
-        QThread::msleep(100);
-    }
-    EXPECT_EQ(displayed, "0");
+    EXPECT_TRUE(Vexlor::Testing::Eventually(
+        [&dunstctl] {
+            return dunstctl({"count", "displayed"}) == "0";
+        },
+        3000));
     // A closed notice goes to the server's history, with what it showed.
-    const QJsonArray history = QJsonDocument::fromJson(dunstctl({"history"}).toUtf8())
-                                   .object()["data"]
-                                   .toArray()
-                                   .at(0)
-                                   .toArray();
-    ASSERT_EQ(history.size(), 1);
-    const QJsonObject notice = history.at(0).toObject();
-    EXPECT_EQ(notice["summary"].toObject()["data"].toString(), "vexlor-schedule");
-    EXPECT_TRUE(notice["body"].toObject()["data"].toString().contains(at)) << at.toStdString();
+    const QJsonValue history = QJsonDocument::fromJson(dunstctl({"history"}).toUtf8())["data"][0];
+    ASSERT_EQ(history.toArray().size(), 1);
+    EXPECT_EQ(history[0]["summary"]["data"].toString(), "vexlor-schedule");
+    EXPECT_TRUE(history[0]["body"]["data"].toString().contains(at)) << at.toStdString();
     Stop(*run);
 }
 
-struct ReadyRow {
-    const char* name;
-    bool enabled;
-    const char* status;
-};
-
-void PrintTo(const ReadyRow& row, std::ostream* out) {
-    *out << row.name;
-}
-
-class ServiceReady : public ServiceTest, public testing::WithParamInterface<ReadyRow> {};
-
-// systemd starts what waits for the service once READY=1 comes: by then the scheduler polls
-// (or, with scheduling off, the run takes the `enable` that switches it on).
-TEST_P(ServiceReady, ReadyOnceSchedulingIsArmedAndStoppingOnTheWayOut) {
+// systemd starts what waits for the service once READY=1 comes: by then the scheduler polls,
+// or, with scheduling off, the run takes the `enable` that switches it on. The first run
+// starts with scheduling off, the second with it on.
+TEST_F(ServiceTest, ReadyOnceSchedulingIsArmedAndStoppingOnTheWayOut) {
     if (!VEXLOR_RUNNER_NOTIFIES) {
         GTEST_SKIP() << "the runner was built without libsystemd";
     }
     const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(socket, 0);
+    const auto closeSocket = qScopeGuard([socket] { ::close(socket); });
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     const QByteArray path = FilePath("notify").toUtf8();
     std::copy(path.begin(), path.end(), name.sun_path);
     ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
-    qputenv("NOTIFY_SOCKET", path);
-    const auto receive = [socket](const char* what) {
+    environmentChanges["NOTIFY_SOCKET"] = path;
+    // What came until `what` did, or until nothing came for 10 s.
+    const auto receive = [socket](const QString& what) {
         QStringList got;
         pollfd ready{socket, POLLIN, 0};
         while (!got.contains(what) && ::poll(&ready, 1, 10000) == 1) {
@@ -166,32 +137,28 @@ TEST_P(ServiceReady, ReadyOnceSchedulingIsArmedAndStoppingOnTheWayOut) {
         }
         return got;
     };
+    const QString on = "STATUS=scheduling on, 1 recording(s) ahead";
 
-    Add(QStringList{"Later", "--in", "4h"} +
-        (GetParam().enabled ? QStringList{"--enable"} : QStringList{}));
-    auto run = Start({"run", "--notify", "none"});
-    const QStringList sent = receive("READY=1");
-    while (run->waitForReadyRead(0)) {
-        seen += QString::fromUtf8(run->readAllStandardOutput());
+    Add({"Later", "--in", "4h"});
+    for (const bool enabled : {false, true}) {
+        auto run = Start({"run", "--notify", "none"});
+        const QStringList sent = receive("READY=1");
+        ASSERT_TRUE(sent.contains("READY=1")) << sent.join('|').toStdString();
+        EXPECT_TRUE(sent.contains(
+            enabled ? on : "STATUS=scheduling off: `vexlor-schedule enable` switches it on"))
+            << sent.join('|').toStdString();
+        // Printed before READY=1, once the scheduler was set up with the stored flag.
+        EXPECT_TRUE(WaitForOutput(
+            *run, QStringLiteral("scheduler running: scheduling %1").arg(enabled ? "on" : "off"),
+            0));
+        if (!enabled) {
+            ASSERT_EQ(Run({"enable"}).exitCode, 0);
+            EXPECT_TRUE(receive(on).contains(on));
+        }
+        ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
+        EXPECT_TRUE(receive("STOPPING=1").contains("STOPPING=1"));
+        EXPECT_EQ(Finish(*run).exitCode, 0);
     }
-    ASSERT_TRUE(sent.contains("READY=1")) << sent.join('|').toStdString();
-    EXPECT_TRUE(sent.contains(GetParam().status)) << sent.join('|').toStdString();
-    // Printed before READY=1, once the scheduler was set up with the stored flag.
-    EXPECT_TRUE(seen.contains(
-        QStringLiteral("scheduler running: scheduling %1").arg(GetParam().enabled ? "on" : "off")))
-        << seen.toStdString();
-
-    ::kill(static_cast<pid_t>(run->processId()), SIGTERM);
-    EXPECT_TRUE(receive("STOPPING=1").contains("STOPPING=1"));
-    EXPECT_EQ(Finish(*run).exitCode, 0);
-    ::close(socket);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, ServiceReady,
-    testing::Values(ReadyRow{"On", true, "STATUS=scheduling on, 1 recording(s) ahead"},
-                    ReadyRow{"Off", false,
-                             "STATUS=scheduling off: `vexlor-schedule enable` switches it on"}),
-    [](const testing::TestParamInfo<ReadyRow>& info) { return std::string(info.param.name); });
 
 }  // namespace
