@@ -136,6 +136,7 @@ TEST(BusProbe, OnlyAReplyToHelloPasses) {
         EXPECT_EQ(result.outcome, row.outcome) << row.detail;
         EXPECT_EQ(result.detail, row.detail);
     }
+    ::shutdown(listener, SHUT_RDWR);  // a peer still waiting for a connection gets none
     peer.join();
     ::close(listener);
 }
