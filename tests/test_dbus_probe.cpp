@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -103,13 +104,9 @@ TEST(BusProbe, GivesUpAtTheDeadlineWhenTheBusTakesNoConnection) {
 // probe hangs up. Passing the login is not enough: only the reply to Hello shows that the bus
 // works. One peer takes the rows' connections in turn.
 TEST(BusProbe, OnlyAReplyToHelloPasses) {
-    struct Row {
-        std::vector<std::string> answers;
-        Outcome outcome;
-        std::string detail;
-    };
     const std::string OK = "OK 0123456789abcdef0123456789abcdef\r\n";
-    const std::vector<Row> rows{
+    // The peer's answers, then what the probe makes of them.
+    const std::vector<std::tuple<std::vector<std::string>, Outcome, std::string>> rows{
         {{"REJECTED EXTERNAL\r\n"}, Outcome::Refused, "authentication refused: REJECTED EXTERNAL"},
         {{OK}, Outcome::Silent, "no answer to Hello"},
         {{OK, "HTTP/1.1 400 Bad Request\r\n\r\n"},
@@ -119,10 +116,10 @@ TEST(BusProbe, OnlyAReplyToHelloPasses) {
     const std::string path = folder.filePath("bus").toStdString();
     const int listener = Listen(path);
     std::thread peer([&] {
-        for (const Row& row : rows) {
+        for (const auto& row : rows) {
             const int client = ::accept(listener, nullptr, nullptr);
             char chunk[1024];
-            for (const std::string& answer : row.answers) {
+            for (const std::string& answer : std::get<0>(row)) {
                 ::recv(client, chunk, sizeof chunk, 0);  // the probe sends each step at once
                 ::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
             }
@@ -131,10 +128,10 @@ TEST(BusProbe, OnlyAReplyToHelloPasses) {
             ::close(client);
         }
     });
-    for (const Row& row : rows) {
+    for (const auto& [answers, outcome, detail] : rows) {
         const Probe::Result result = Probe::Check("unix:path=" + path, 400ms);
-        EXPECT_EQ(result.outcome, row.outcome) << row.detail;
-        EXPECT_EQ(result.detail, row.detail);
+        EXPECT_EQ(result.outcome, outcome) << detail;
+        EXPECT_EQ(result.detail, detail);
     }
     ::shutdown(listener, SHUT_RDWR);  // a peer still waiting for a connection gets none
     peer.join();
