@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <memory>
 #include <vector>
@@ -23,77 +24,50 @@ using DesktopNotification::DBusNotificationPresenter;
 using Testing::MockService;
 const QString APP = QStringLiteral("vexlor-schedule");
 const QString WHY = QStringLiteral("A scheduled recording is planned");
-const char* const TEXT = "A recording is scheduled for 14:05.";
 
-std::shared_ptr<DesktopNotification::INotification> Notice(const char* title,
-                                                           const char* text = TEXT) {
+std::shared_ptr<DesktopNotification::INotification> Notice(
+    const char* title, const char* text = "A recording is scheduled for 14:05.") {
     return std::make_shared<Testing::TextNotice>(title, text);
 }
 
 // Notify's arguments: app name, replaced id, icon, summary, body, actions, hints, timeout.
-TEST(DBusPresenter, ShowsNoticesAsBuiltUntilHideClosesThemByTheIdNotifyReturned) {
-    MockService server(QStringLiteral("notification_daemon"));
-    ASSERT_TRUE(server.Up());
-    auto presenter = DBusNotificationPresenter::Create(APP);
-    ASSERT_NE(presenter, nullptr);
-    auto first = Notice("first");
-    auto second = Notice("second");
-
-    presenter->Show(first);
-    presenter->Show(second);
-    presenter->Show(first);  // already out: replaced in place, not stacked
-    presenter->Hide(first);
-    presenter->Hide(first);
-    presenter->Hide(Notice("never shown"));
-    presenter->Hide(second);
-
-    const QList<QVariantList> notices = server.Calls(QStringLiteral("Notify"));
-    ASSERT_EQ(notices.size(), 3);
-    EXPECT_EQ(notices[0].mid(0, 2), (QVariantList{APP, 0u}));
-    EXPECT_EQ(notices[0].mid(3, 2), (QVariantList{"first", TEXT}));
-    EXPECT_EQ(notices[0][7], 0);
-    // The mock numbers its notices 1, 2, ...
-    EXPECT_EQ(notices[1][1], 0u);
-    EXPECT_EQ(notices[2][1], 1u);
-    EXPECT_EQ(server.Calls(QStringLiteral("CloseNotification")), (QList<QVariantList>{{1}, {2}}));
-}
-
-struct MarkupRow {
-    const char* name;
-    const char* capabilities;
-    const char* text;
-    const char* expectedBody;
-};
-
-class DBusPresenterMarkup : public testing::TestWithParam<MarkupRow> {};
-
 // Colour is never offered, since the protocol's markup has none; the summary is plain text in
 // the protocol, so the user's title goes out as written.
-TEST_P(DBusPresenterMarkup, BodyCarriesNoMarkupTheServerCannotReadAndUserTextStaysLiteral) {
-    MockService server(QStringLiteral("notification_daemon"),
-                       QStringLiteral("{\"capabilities\": \"%1\"}").arg(GetParam().capabilities));
-    ASSERT_TRUE(server.Up());
-    auto presenter = DBusNotificationPresenter::Create(APP);
-    ASSERT_NE(presenter, nullptr);
-    EXPECT_FALSE(presenter->SupportsFeature(DesktopNotification::RichTextColor));
+TEST(DBusPresenter, ShowsNoticesWithoutMarkupTheServerCannotReadUntilHideClosesThem) {
+    const std::vector<std::array<const char*, 3>> rows{
+        // capabilities, text, body sent
+        {"body", "R&D <weekly> at <font color='#00bef9'>09:07</font>", "R&D <weekly> at 09:07"},
+        {"body body-markup", "R&D <weekly> at <FONT color=\"red\">09:07</FONT>",
+         "R&amp;D &lt;weekly&gt; at 09:07"}};
+    for (const auto& [capabilities, text, body] : rows) {
+        MockService server(QStringLiteral("notification_daemon"),
+                           QStringLiteral("{\"capabilities\": \"%1\"}").arg(capabilities));
+        ASSERT_TRUE(server.Up());
+        auto presenter = DBusNotificationPresenter::Create(APP);
+        ASSERT_NE(presenter, nullptr);
+        EXPECT_FALSE(presenter->SupportsFeature(DesktopNotification::RichTextColor));
+        auto first = Notice("R&D <weekly>", text);
+        auto second = Notice("second");
 
-    presenter->Show(Notice("R&D <weekly>", GetParam().text));
+        presenter->Show(first);
+        presenter->Show(second);
+        presenter->Show(first);  // already out: replaced in place, not stacked
+        presenter->Hide(first);
+        presenter->Hide(first);
+        presenter->Hide(Notice("never shown"));
+        presenter->Hide(second);
 
-    const QList<QVariantList> notices = server.Calls(QStringLiteral("Notify"));
-    ASSERT_EQ(notices.size(), 1);
-    EXPECT_EQ(notices[0][3], "R&D <weekly>");
-    EXPECT_EQ(notices[0][4], GetParam().expectedBody);
+        const QList<QVariantList> notices = server.Calls(QStringLiteral("Notify"));
+        ASSERT_EQ(notices.size(), 3);
+        EXPECT_EQ(notices[0].mid(0, 5), (QVariantList{APP, 0u, "", "R&D <weekly>", body}));
+        EXPECT_EQ(notices[0][7], 0);
+        // The mock numbers its notices 1, 2, ...
+        EXPECT_EQ(notices[1][1], 0u);
+        EXPECT_EQ(notices[2][1], 1u);
+        EXPECT_EQ(server.Calls(QStringLiteral("CloseNotification")),
+                  (QList<QVariantList>{{1}, {2}}));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, DBusPresenterMarkup,
-    testing::Values(MarkupRow{"PlainServer", "body",
-                              "R&D <weekly> at <font color='#00bef9'>09:07</font>",
-                              "R&D <weekly> at 09:07"},
-                    MarkupRow{"MarkupServer", "body body-markup",
-                              "R&D <weekly> at <FONT color=\"red\">09:07</FONT>",
-                              "R&amp;D &lt;weekly&gt; at 09:07"}),
-    [](const testing::TestParamInfo<MarkupRow>& info) { return std::string(info.param.name); });
 
 TEST(LogindLock, EachArmedPeriodHoldsOneSleepBlockLockUntilAllowSleepOrDestruction) {
     MockService logind(QStringLiteral("logind"));

@@ -25,7 +25,7 @@ const QString WHY = QStringLiteral("A scheduled recording is planned");
 // connecting to such a bus, never lets go of it.
 TEST(SilentBuses, EachBusCostsOneBoundOnceAndBothAreCheckedSideBySide) {
     Testing::SilentBus session;
-    Testing::SilentBus system(Testing::SilentBus::Name::Abstract);
+    Testing::SilentBus system;
     qputenv("DBUS_SESSION_BUS_ADDRESS", QByteArray::fromStdString(session.Address()));
     qputenv("DBUS_SYSTEM_BUS_ADDRESS", QByteArray::fromStdString(system.Address()));
     qunsetenv("DBUS_STARTER_BUS_TYPE");
@@ -54,9 +54,7 @@ TEST(SilentBuses, EachBusCostsOneBoundOnceAndBothAreCheckedSideBySide) {
     power.PreventSleep();
     EXPECT_FALSE(power.IsSleepPrevented());
     DesktopNotification::DBusNotificationPresenter presenter(WHO);
-    auto notice = std::make_shared<Vexlor::Testing::TextNotice>("title", "text");
-    presenter.Show(notice);
-    presenter.Hide(notice);
+    presenter.Show(std::make_shared<Vexlor::Testing::TextNotice>("title", "text"));
     EXPECT_LT(elapsed.elapsed(), 500);
     EXPECT_EQ(changes, 0);
 

@@ -93,39 +93,32 @@ protected:
     std::unique_ptr<NotificationHelper::Impl> notifier;
 };
 
-struct Scenario {
-    const char* name;
-    std::vector<std::pair<long long, long long>> ticks;  // front record's start, now
-    const char* operations;                              // one word per tick
-};
-
-class ScenarioTest : public NoticeTest, public testing::WithParamInterface<Scenario> {};
-
-TEST_P(ScenarioTest, ShowsAndWithdrawsAtTheRightTicks) {
-    std::string operations;
-    for (const auto& [front, now] : GetParam().ticks) {
-        operations += (operations.empty() ? "" : " ") + TickAt(now, front);
-    }
-    EXPECT_EQ(operations, GetParam().operations);
-    EXPECT_EQ(requests, QStringLiteral("0,1,SchedulerNotifications;"));  // one presenter
-}
-
 // A notice for S is out after a tick at A; B, the next front record, enters the interval at C.
 constexpr long long A = S - 4 * HOUR, B = S + 5 * HOUR, C = B - LEAD_MAX, TICK = 10 * SECOND;
-INSTANTIATE_TEST_SUITE_P(
-    Leads, ScenarioTest,
-    testing::Values(
-        Scenario{"AtUpperBound", {{S, S - LEAD_MAX}}, "Show"},
-        Scenario{"JustAboveUpperBound", {{S, S - LEAD_MAX - 1}}, "-"},
-        Scenario{"AtLowerBound", {{S, S - LEAD_MIN}}, "Show"},
-        Scenario{"JustBelowLowerBound", {{S, S - LEAD_MIN + 1}}, "-"},
-        Scenario{"WithdrawnAt30s", {{S, A}, {S, A + TICK}, {S, S - WITHDRAW}}, "Show - Hide"},
-        Scenario{"KeptAt30sAnd1us", {{S, A}, {S, S - WITHDRAW - 1}}, "Show -"},
+
+// Each row is a new helper's ticks, as (front record's start, now), and what each did.
+TEST_F(NoticeTest, ShowsAndWithdrawsAtTheRightTicks) {
+    const std::vector<std::pair<std::vector<std::pair<long long, long long>>, const char*>> rows{
+        {{{S, S - LEAD_MAX - 1}, {S, S - LEAD_MAX}}, "- Show"},
+        {{{S, S - LEAD_MIN}}, "Show"},
+        {{{S, S - LEAD_MIN + 1}}, "-"},
+        {{{S, A}, {S, A + TICK}, {S, S - WITHDRAW - 1}, {S, S - WITHDRAW}}, "Show - - Hide"},
         // The old notice stays until the new one's interval begins.
-        Scenario{"NewFront", {{S, A}, {B, A + TICK}, {B, C}, {B, C + TICK}}, "Show - Hide Show"},
-        Scenario{"EmptiedSchedule", {{S, A}, {0, A + TICK}, {0, A + 2 * TICK}}, "Show Hide -"},
-        Scenario{"FirstRecordInThePast", {{A - HOUR, A}}, "-"}),
-    [](const testing::TestParamInfo<Scenario>& info) { return info.param.name; });
+        {{{S, A}, {B, A + TICK}, {B, C}, {B, C + TICK}}, "Show - Hide Show"},
+        {{{S, A}, {0, A + TICK}, {0, A + 2 * TICK}}, "Show Hide -"},
+        {{{A - HOUR, A}}, "-"}};  // the front record in the past
+    for (const auto& [ticks, expected] : rows) {
+        notifier.reset();  // a new helper, presenter and request
+        presenter = std::make_shared<RecordingPresenter>();
+        requests.clear();
+        std::string operations;
+        for (const auto& [front, now] : ticks) {
+            operations += (operations.empty() ? "" : " ") + TickAt(now, front);
+        }
+        EXPECT_EQ(operations, expected);
+        EXPECT_EQ(requests, QStringLiteral("0,1,SchedulerNotifications;"));  // one presenter
+    }
+}
 
 TEST_F(NoticeTest, ShowsTheLocalTimeOfDayInTheLanguageOfTheLookAndFeelAndTheTranslation) {
     const QString text = QStringLiteral(

@@ -64,6 +64,19 @@ QDBusConnection TestConnection() {
     return QDBusConnection::connectToBus(busAddress, QStringLiteral("vexlor-test"));
 }
 
+// Hands `read` each structure of the array that is the reply's first argument.
+template <typename Read>
+void ForEachStructure(const QDBusMessage& reply, Read read) {
+    const QDBusArgument list = reply.arguments().value(0).value<QDBusArgument>();
+    list.beginArray();
+    while (!list.atEnd()) {
+        list.beginStructure();
+        read(list);
+        list.endStructure();
+    }
+    list.endArray();
+}
+
 }  // namespace
 
 bool NameIs(const QString& name, bool owned) {
@@ -83,15 +96,11 @@ MockService::MockService(const QString& templateName, const QString& parameters)
     name = logind ? QStringLiteral("org.freedesktop.login1")
                   : QStringLiteral("org.freedesktop.Notifications");
     path = QLatin1Char('/') + QString(name).replace(QLatin1Char('.'), QLatin1Char('/'));
-    QStringList arguments{QStringLiteral("-m"), QStringLiteral("dbusmock"),
-                          QStringLiteral("--template"), templateName};
-    if (!parameters.isEmpty()) {
-        arguments << QStringLiteral("--parameters") << parameters;
-    }
     process.setStandardOutputFile(QProcess::nullDevice());  // its call log, read over the bus
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     // Debian's interpreter, which has python3-dbusmock, whatever else comes first on PATH.
-    process.start(QStringLiteral(VEXLOR_TEST_PYTHON), arguments);
+    process.start(QStringLiteral(VEXLOR_TEST_PYTHON),
+                  {"-m", "dbusmock", "--template", templateName, "--parameters", parameters});
     up = process.waitForStarted(5000) && NameIs(name, true);
 }
 
@@ -119,24 +128,18 @@ bool MockService::Emit(const QString& interface, const QString& member, const QS
 }
 
 QList<QVariantList> MockService::Calls(const QString& method) const {
-    const QDBusMessage reply = Call(QStringLiteral("org.freedesktop.DBus.Mock"),
-                                    QStringLiteral("GetMethodCalls"), {method});
     QList<QVariantList> calls;
-    const QDBusArgument log = reply.arguments().value(0).value<QDBusArgument>();
-    log.beginArray();
-    while (!log.atEnd()) {
-        qulonglong time;
-        QList<QDBusVariant> arguments;
-        log.beginStructure();
-        log >> time >> arguments;
-        log.endStructure();
-        QVariantList call;
-        for (const QDBusVariant& argument : arguments) {
-            call.append(argument.variant());
-        }
-        calls.append(call);
-    }
-    log.endArray();
+    ForEachStructure(Call(QStringLiteral("org.freedesktop.DBus.Mock"),
+                          QStringLiteral("GetMethodCalls"), {method}),
+                     [&calls](const QDBusArgument& call) {
+                         qulonglong time;
+                         QList<QDBusVariant> arguments;
+                         call >> time >> arguments;
+                         calls.append(QVariantList());
+                         for (const QDBusVariant& argument : arguments) {
+                             calls.back().append(argument.variant());
+                         }
+                     });
     return calls;
 }
 
@@ -144,20 +147,14 @@ QList<QStringList> MockService::Locks(int count, int waitMs) const {
     QElapsedTimer clock;
     clock.start();
     for (;;) {
-        const QDBusMessage reply = Call(QStringLiteral("org.freedesktop.login1.Manager"),
-                                        QStringLiteral("ListInhibitors"));
         QList<QStringList> locks;
-        const QDBusArgument list = reply.arguments().value(0).value<QDBusArgument>();
-        list.beginArray();
-        while (!list.atEnd()) {
-            QString what, who, why, mode;
-            uint uid, pid;
-            list.beginStructure();
-            list >> what >> who >> why >> mode >> uid >> pid;
-            list.endStructure();
-            locks.append({what, who, why, mode});
-        }
-        list.endArray();
+        ForEachStructure(Call(QStringLiteral("org.freedesktop.login1.Manager"),
+                              QStringLiteral("ListInhibitors")),
+                         [&locks](const QDBusArgument& lock) {
+                             QString what, who, why, mode;
+                             lock >> what >> who >> why >> mode;  // then uid and pid
+                             locks.append({what, who, why, mode});
+                         });
         if (count < 0 || locks.size() == count || clock.elapsed() >= waitMs) {
             return locks;
         }

@@ -18,7 +18,8 @@ class MockService {
 public:
     // "notification_daemon" or "logind", with the template's parameters as JSON; returns once
     // the service's name is on the bus, or after 10 s (then Up() is false).
-    explicit MockService(const QString& templateName, const QString& parameters = {});
+    explicit MockService(const QString& templateName,
+                         const QString& parameters = QStringLiteral("{}"));
     ~MockService();
 
     bool Up() const { return up; }
