@@ -1,9 +1,7 @@
-#include <functional>
 #include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -12,7 +10,6 @@
 
 #include "Scheduler/Scheduler.h"
 #include "Scheduler/SchedulerHelper.h"
-#include "core/EventHandlerList.h"
 #include "fakes/FakeClock.h"
 #include "fakes/FakeServices.h"
 #include "fakes/LogCapture.h"
@@ -317,87 +314,6 @@ TEST_F(SchedulerHelperTest, RemovesEveryMatchAndKeepsTheOrder) {
     EXPECT_TRUE(editor.DoesTitleAlreadyExists("X"));
     EXPECT_FALSE(editor.DoesTitleAlreadyExists("x"));
     EXPECT_FALSE(editor.DoesTitleAlreadyExists("c "));
-}
-
-using Log = std::vector<std::string>;
-
-// Logs "name:value", then runs its action.
-struct Listener {
-    void OnValue(int value) {
-        log.push_back(name + ":" + std::to_string(value));
-        if (action) {
-            action();
-        }
-    }
-    std::string name;
-    Log& log;
-    std::function<void()> action;
-};
-
-class EventHandlerListTest : public testing::Test {
-protected:
-    EventHandlerListTest() {
-        for (Listener* o : {&o1, &o2, &o3}) {
-            list.RegisterEventHandler(o);
-        }
-    }
-    Log Pass(int value) {
-        log.clear();
-        list.PerformAll(&Listener::OnValue, value);
-        return log;
-    }
-
-    Log log;
-    Core::EventHandlerList<Listener, Core::SyncExecutePolicy> list;
-    Listener o1{"o1", log, {}}, o2{"o2", log, {}}, o3{"o3", log, {}}, o4{"o4", log, {}};
-};
-
-TEST_F(EventHandlerListTest, RegistrationOrderWithNullDuplicateAndUnknownIgnored) {
-    list.RegisterEventHandler(nullptr);
-    list.RegisterEventHandler(&o1);
-    list.UnregisterEventHandler(nullptr);
-    list.UnregisterEventHandler(&o4);
-    EXPECT_EQ(Pass(1), (Log{"o1:1", "o2:1", "o3:1"}));
-    list.UnregisterEventHandler(&o2);
-    EXPECT_EQ(Pass(2), (Log{"o1:2", "o3:2"}));
-}
-
-// Every observer of a pass also gets the argument as it was passed.
-TEST_F(EventHandlerListTest, ChangesDuringAPassTakeEffectFromTheNextPass) {
-    int value = 1;
-    o1.action = [&] {
-        value = 5;
-        list.UnregisterEventHandler(&o3);
-        list.RegisterEventHandler(&o4);
-    };
-    o2.action = [&] { list.UnregisterEventHandler(&o2); };
-    list.PerformAll(&Listener::OnValue, value);
-    EXPECT_EQ(log, (Log{"o1:1", "o2:1", "o3:1"}));
-    o1.action = nullptr;
-    EXPECT_EQ(Pass(2), (Log{"o1:2", "o4:2"}));
-}
-
-TEST_F(EventHandlerListTest, ExceptionEndsThePassWithBothLocksReleased) {
-    o2.action = [] { throw std::runtime_error("observer failed"); };
-    EXPECT_THROW(Pass(1), std::runtime_error);
-    EXPECT_EQ(log, (Log{"o1:1", "o2:1"}));
-    // Another thread can register and notify at once, so neither mutex is still held.
-    std::thread([&] {
-        list.RegisterEventHandler(&o4);
-        o2.action = nullptr;
-        list.PerformAll(&Listener::OnValue, 2);
-    }).join();
-    EXPECT_EQ(Pass(3), (Log{"o1:3", "o2:3", "o3:3", "o4:3"}));
-}
-
-TEST_F(EventHandlerListTest, NestedPassOnSameThreadCompletesBeforeOuterContinues) {
-    bool nested = false;
-    o1.action = [&] {
-        if (!std::exchange(nested, true)) {
-            list.PerformAll(&Listener::OnValue, 9);
-        }
-    };
-    EXPECT_EQ(Pass(1), (Log{"o1:1", "o1:9", "o2:9", "o3:9", "o2:1", "o3:1"}));
 }
 
 }  // namespace
