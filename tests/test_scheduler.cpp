@@ -293,24 +293,21 @@ TEST_F(SchedulerHelperTest, InsertsInStartOrderAndRefusesWhatIsOver) {
     EXPECT_EQ(Titles(), "no end a year ago, ends now, 09:00, 10:00 b, 10:00, 11:00, end saturates");
 }
 
-TEST_F(SchedulerHelperTest, SpansAreClosedIntervals) {
-    editor.AddRecord(Named("10:00 to 11:00", H10));
-    editor.AddRecord(Named("earlier", T0, HOUR / 2));  // does not meet any candidate
+// Spans are closed intervals. Titles compare exactly, in the test as in the removal, which
+// keeps the order of the rest.
+TEST_F(SchedulerHelperTest, FindsOverlapsAndTitlesAndRemovesEveryMatch) {
+    editor.AddRecord(Named("earlier", T0, HOUR / 2));  // meets no candidate
+    long long start = H10;                             // then 10:00 to 11:00, 13:00 to 14:00, ...
+    for (const char* title : {"x", "X", "x", "c"}) {
+        editor.AddRecord(Named(title, std::exchange(start, start + 3 * HOUR)));
+    }
     EXPECT_TRUE(editor.DoesCaptureTimeIntersected(Named("from its end", H11)));
     EXPECT_FALSE(editor.DoesCaptureTimeIntersected(Named("just after", H11 + 1)));
     EXPECT_TRUE(editor.DoesCaptureTimeIntersected(Named("to its start", H10 - HOUR)));
     EXPECT_FALSE(editor.DoesCaptureTimeIntersected(Named("just before", H10 - HOUR, HOUR - 1)));
     EXPECT_TRUE(editor.DoesCaptureTimeIntersected(Named("instant inside", H10 + 1, 0)));
-}
-
-// Titles compare exactly, in the test as in the removal.
-TEST_F(SchedulerHelperTest, RemovesEveryMatchAndKeepsTheOrder) {
-    long long hour = 1;
-    for (const char* title : {"a", "x", "b", "x", "X", "c"}) {
-        editor.AddRecord(Named(title, T0 + hour++ * HOUR));
-    }
     editor.RemoveRecord("x");
-    EXPECT_EQ(Titles(), "a, b, X, c");
+    EXPECT_EQ(Titles(), "earlier, X, c");
     EXPECT_TRUE(editor.DoesTitleAlreadyExists("X"));
     EXPECT_FALSE(editor.DoesTitleAlreadyExists("x"));
     EXPECT_FALSE(editor.DoesTitleAlreadyExists("c "));
