@@ -216,32 +216,27 @@ TEST_F(SchedulerTest, SettingsCallbacksDuringRemovalAreIgnoredAndAThrowRestoresT
     EXPECT_EQ(scheduler->GetSchedule(), RecordTimeList{Rec(T0 + 300 * SEC)});
 }
 
-class NullService : public SchedulerTest, public testing::WithParamInterface<int> {};
-
-TEST_P(NullService, IsRefusedAndNoReferenceIsKept) {
+// A null service is refused, with no reference kept and nothing published. Under ASan a timer
+// or callback reaching the freed engine fails the test outright.
+TEST_F(SchedulerTest, RefusesNullServicesAndIsPublishedUntilDestroyedThenUnreachable) {
     InstanceRegistry registry;
     ScopedInstanceRegistry installed(&registry);
-    const int n = GetParam();
-    EXPECT_THAT(
-        [&] {
-            Scheduler(n == 0 ? nullptr : settings, n == 1 ? nullptr : ui,
-                      n == 2 ? nullptr : gateway, n == 3 ? nullptr : power,
-                      n == 4 ? nullptr : clock, n == 5 ? nullptr : timer);
-        },
-        testing::ThrowsMessage<std::logic_error>("NotNull can not initialized by null"));
+    for (int n = 0; n < 6; ++n) {
+        EXPECT_THAT(
+            [&] {
+                Scheduler(n == 0 ? nullptr : settings, n == 1 ? nullptr : ui,
+                          n == 2 ? nullptr : gateway, n == 3 ? nullptr : power,
+                          n == 4 ? nullptr : clock, n == 5 ? nullptr : timer);
+            },
+            testing::ThrowsMessage<std::logic_error>("NotNull can not initialized by null"))
+            << "null at " << n;
+    }
     EXPECT_THAT((std::vector<long>{settings.use_count(), ui.use_count(), gateway.use_count(),
                                    power.use_count(), clock.use_count(), timer.use_count()}),
                 testing::Each(1));
     EXPECT_EQ(registry.DoFind("Vexlor::QK::IScheduler"), nullptr);
     EXPECT_EQ(clock->reads + settings->writes, 0);
-}
 
-INSTANTIATE_TEST_SUITE_P(EachPosition, NullService, testing::Range(0, 6));
-
-// Under ASan a timer or callback reaching the freed engine fails the test outright.
-TEST_F(SchedulerTest, PublishedUntilDestroyedThenReachedByNeitherTimerNorHeldCallback) {
-    InstanceRegistry registry;
-    ScopedInstanceRegistry installed(&registry);
     Make({Rec(T0), Rec(T0 + 100 * SEC)}, true);
     timer->Fire();                // requests the first record; the gateway keeps its callback
     scheduler->SetEnabled(true);  // polling for the second
