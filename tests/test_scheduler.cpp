@@ -142,7 +142,6 @@ INSTANTIATE_TEST_SUITE_P(
         ExpiryRow{"AtLeadFullDuration", T0 + 60 * SEC, 600 * SEC, 5 * SEC, T0 + 55 * SEC, REQUEST,
                   T0 + 55 * SEC, 600 * SEC},
         ExpiryRow{"Late10s", T0, 60 * SEC, 0, T0, REQUEST, T0 + 10 * SEC, 50 * SEC},
-        ExpiryRow{"CallbackAtEnd", T0, 60 * SEC, 0, T0, REQUEST, T0 + 60 * SEC, 0},
         ExpiryRow{"CallbackAfterEnd", T0, 60 * SEC, 0, T0, REQUEST, T0 + 70 * SEC, -10 * SEC},
         ExpiryRow{"LastMomentOfSpan", T0, 60 * SEC, 0, T0 + 60 * SEC - 1, REQUEST, T0, 60 * SEC},
         ExpiryRow{"AsleepToSpanEnd", T0, 60 * SEC, 0, T0 + 60 * SEC, DROP},
