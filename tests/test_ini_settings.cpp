@@ -17,7 +17,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -162,39 +161,30 @@ TEST_F(FullDiskTest, WriteNamesTheFullDiskAndKeepsTheStoredValue) {
               (QStringList{"filler", "settings.ini"}));
 }
 
-struct StoredFlag {
-    const char* text;
-    std::optional<bool> read;  // empty: refused
-};
-
-void PrintTo(const StoredFlag& row, std::ostream* out) {
-    *out << '"' << row.text << '"';
-}
-
-class StoredFlagTest : public IniSettingsTest, public testing::WithParamInterface<StoredFlag> {};
-
-TEST_P(StoredFlagTest, OnlyTrueOrFalseIsABoolean) {
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QByteArray("[QK]\nScheduler\\scheduler_enabled=") + GetParam().text + "\n");
-    file.close();
-    const IniSettingsManager settings(path);
-    const auto read = [&] { return settings.getBool("QK/Scheduler/scheduler_enabled", false); };
-    if (GetParam().read) {
-        EXPECT_EQ(read(), *GetParam().read);
-    } else {
-        EXPECT_THAT(FailureOf(read),
-                    HasSubstr(path.toStdString() + ": QK/Scheduler/scheduler_enabled holds \"" +
-                              GetParam().text + "\", which is neither true nor false"));
+// QVariant would take any text but "", "0" and "false" for true.
+TEST_F(IniSettingsTest, OnlyTrueOrFalseOneOrZeroIsAFlag) {
+    const std::string key = "QK/Scheduler/scheduler_enabled";
+    const struct {
+        const char* text;
+        std::optional<bool> read;  // empty: refused
+    } rows[] = {{"True", true},          {"false", false},    {"1", true},       {"0", false},
+                {"maybe", std::nullopt}, {"2", std::nullopt}, {"", std::nullopt}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray("[QK]\nScheduler\\scheduler_enabled=") + row.text + "\n");
+        file.close();
+        const IniSettingsManager settings(path);
+        if (row.read) {
+            EXPECT_EQ(settings.getBool(key, !*row.read), *row.read);
+        } else {
+            EXPECT_THAT(FailureOf([&] { settings.getBool(key, false); }),
+                        HasSubstr(path.toStdString() + ": " + key + " holds \"" + row.text +
+                                  "\", which is neither true nor false"));
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Rows, StoredFlagTest,
-                         testing::Values(StoredFlag{"True", true}, StoredFlag{"false", false},
-                                         StoredFlag{"1", true}, StoredFlag{"0", false},
-                                         StoredFlag{"maybe", std::nullopt},
-                                         StoredFlag{"2", std::nullopt},
-                                         StoredFlag{"", std::nullopt}));
 
 // Every kill leaves a whole schedule, and none older than the writer said it had stored.
 TEST_F(IniSettingsTest, WriterKilledMidWriteLeavesAWholeSchedule) {
