@@ -154,31 +154,30 @@ INSTANTIATE_TEST_SUITE_P(
         ExpiryRow{"MaxLeadFromMinClock", MIN + 1, SEC, MAX, MIN, REQUEST, MIN + 1, SEC}),
     [](const testing::TestParamInfo<ExpiryRow>& info) { return std::string(info.param.name); });
 
-// Lapsed, then Requested with more to come.
-TEST_F(SchedulerTest, DroppedRecordIsFollowedByTheNextInTheSameExpiry) {
-    Make({Rec(T0, 600 * SEC), Rec(T0 + 700 * SEC, 600 * SEC), Rec(T0 + 2000 * SEC)}, true);
-    FireAt(T0 + 900 * SEC);
-    ASSERT_EQ(gateway->sent.size(), 1u);
-    EXPECT_TRUE(timer->armed.empty() && power->calls.empty() && settings->enabled);
-    EXPECT_EQ(settings->schedule, RecordTimeList{Rec(T0 + 2000 * SEC)});
-    gateway->sent[0].callback();
-    EXPECT_THAT(observer.started, ElementsAre(Rec(T0 + 700 * SEC, 400 * SEC)));  // 200 s late
-}
-
-// Polling -> Capturing -> Polling.
-TEST_F(SchedulerTest, RunningCaptureDropsDueRecordsAndStopResumesPolling) {
-    Make({Rec(T0 + SEC), Rec(T0 + 2 * SEC), Rec(T0 + 5 * SEC), Rec(T0 + 100 * SEC)}, true);
+// Polling -> Capturing -> Polling; then one expiry finds a record lapsed, drops it and
+// requests the next, with more to come.
+TEST_F(SchedulerTest, RunningCaptureDropsDueRecordsThenALapsedRecordMakesWayForTheNext) {
+    const RecordTimeList all({Rec(T0 + SEC), Rec(T0 + 2 * SEC), Rec(T0 + 5 * SEC),
+                              Rec(T0 + 100 * SEC, 600 * SEC), Rec(T0 + 800 * SEC, 600 * SEC),
+                              Rec(T0 + 2000 * SEC)});
+    Make(all, true);
     scheduler->BeforeCaptureStarted(nullptr, {}, {});
     FireAt(T0 + 3 * SEC);
     EXPECT_TRUE(timer->armed.empty());
-    EXPECT_EQ(settings->schedule, RecordTimeList({Rec(T0 + 5 * SEC), Rec(T0 + 100 * SEC)}));
+    EXPECT_EQ(settings->schedule, RecordTimeList(all.begin() + 2, all.end()));
     At(T0 + 10 * SEC);  // the third record passes with no expiry
     scheduler->AfterCaptureStopped(nullptr);
-    EXPECT_EQ(settings->schedule, RecordTimeList{Rec(T0 + 100 * SEC)});
+    EXPECT_EQ(settings->schedule, RecordTimeList(all.begin() + 3, all.end()));
     EXPECT_EQ(scheduler->GetSchedule(), settings->schedule);
     EXPECT_EQ(timer->armed.size(), 1u);
+
+    FireAt(T0 + 1000 * SEC);
+    ASSERT_EQ(gateway->sent.size(), 1u);
+    EXPECT_TRUE(timer->armed.empty() && settings->enabled);
+    EXPECT_EQ(settings->schedule, RecordTimeList{all.back()});
     EXPECT_THAT(power->calls, ElementsAre("PreventSleep"));
-    EXPECT_TRUE(gateway->sent.empty());
+    gateway->sent[0].callback();
+    EXPECT_THAT(observer.started, ElementsAre(Rec(T0 + 800 * SEC, 400 * SEC)));  // 200 s late
 }
 
 TEST_F(SchedulerTest, SameDataTwiceWritesNothingStoppedFinishOnlyClearsDisablingStops) {
