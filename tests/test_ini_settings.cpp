@@ -2,7 +2,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <chrono>
@@ -121,21 +121,6 @@ protected:
         }
     }
 
-    // Fills the file system, then frees `left` bytes.
-    void FillLeaving(off_t left) {
-        const int fd = ::open(QFile::encodeName(mountPoint + "/filler").constData(),
-                              O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        ASSERT_GE(fd, 0);
-        const std::vector<char> block(4096, 'f');
-        off_t size = 0;
-        for (ssize_t put; (put = ::write(fd, block.data(), block.size())) > 0;) {
-            size += put;
-        }
-        EXPECT_EQ(errno, ENOSPC);
-        EXPECT_EQ(::ftruncate(fd, size > left ? size - left : 0), 0);
-        ::close(fd);
-    }
-
     QString mountPoint = dir.filePath("small");
     bool mounted = false;
 };
@@ -145,7 +130,11 @@ TEST_F(FullDiskTest, WriteNamesTheFullDiskAndKeepsTheStoredValue) {
     IniSettingsManager settings(mountPoint + "/settings.ini");
     const std::vector<unsigned char> stored(100, 's');
     settings.setByteArray("value", stored);
-    FillLeaving(8192);
+    struct statvfs room {};
+    ASSERT_EQ(::statvfs(QFile::encodeName(mountPoint).constData(), &room), 0);
+    QFile filler(mountPoint + "/filler");
+    ASSERT_TRUE(filler.open(QIODevice::WriteOnly));
+    ASSERT_EQ(::posix_fallocate(filler.handle(), 0, room.f_bavail * room.f_bsize - 8192), 0);
 
     std::vector<unsigned char> larger(16384);
     std::iota(larger.begin(), larger.end(), 0);  // every byte value, escaped in the file
