@@ -2,7 +2,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <chrono>
@@ -17,7 +17,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -79,18 +78,15 @@ TEST_F(IniSettingsTest, FailuresNameTheSystemsReason) {
 // written, and again once it is older than the trust margin, when the manager holds it.
 TEST_F(IniSettingsTest, RewriteKeepingSizeAndModificationTimeIsSeen) {
     SchedulerSettings settings(std::make_shared<IniSettingsManager>(path));
-    const QByteArray file = QFile::encodeName(path);
     const auto rewrite = [&](char from, char to) {
+        QFile inPlace(path);
         struct stat before {};
-        ASSERT_EQ(::stat(file.constData(), &before), 0);
-        QFile old(path);
-        ASSERT_TRUE(old.open(QIODevice::ReadOnly));
-        const QByteArray contents = old.readAll().replace(from, to);
-        const int fd = ::open(file.constData(), O_WRONLY | O_CLOEXEC);
-        ASSERT_EQ(::write(fd, contents.constData(), contents.size()), contents.size());
-        ::close(fd);
+        ASSERT_TRUE(inPlace.open(QIODevice::ReadWrite) && ::fstat(inPlace.handle(), &before) == 0);
+        const QByteArray contents = inPlace.readAll().replace(from, to);
+        ASSERT_TRUE(inPlace.seek(0) && inPlace.write(contents) == contents.size() &&
+                    inPlace.flush());
         const timespec times[2] = {before.st_atim, before.st_mtim};
-        ASSERT_EQ(::utimensat(AT_FDCWD, file.constData(), times, 0), 0);
+        ASSERT_EQ(::futimens(inPlace.handle(), times), 0);
     };
     QK::RecordTimeList schedule = NumberedSchedule(1);
     schedule[0].title = "PP";
@@ -101,7 +97,6 @@ TEST_F(IniSettingsTest, RewriteKeepingSizeAndModificationTimeIsSeen) {
     EXPECT_EQ(settings.GetSchedule(), schedule);
 
     std::this_thread::sleep_for(IniSettingsManager::TRUST_AFTER + std::chrono::milliseconds(200));
-    ASSERT_EQ(settings.GetSchedule(), schedule);
     ASSERT_EQ(settings.GetSchedule(), schedule);
     rewrite('R', 'T');
     schedule[0].title = "TT";
@@ -126,21 +121,6 @@ protected:
         }
     }
 
-    // Fills the file system, then frees `left` bytes.
-    void FillLeaving(off_t left) {
-        const int fd = ::open(QFile::encodeName(mountPoint + "/filler").constData(),
-                              O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        ASSERT_GE(fd, 0);
-        const std::vector<char> block(4096, 'f');
-        off_t size = 0;
-        for (ssize_t put; (put = ::write(fd, block.data(), block.size())) > 0;) {
-            size += put;
-        }
-        EXPECT_EQ(errno, ENOSPC);
-        EXPECT_EQ(::ftruncate(fd, size > left ? size - left : 0), 0);
-        ::close(fd);
-    }
-
     QString mountPoint = dir.filePath("small");
     bool mounted = false;
 };
@@ -150,7 +130,11 @@ TEST_F(FullDiskTest, WriteNamesTheFullDiskAndKeepsTheStoredValue) {
     IniSettingsManager settings(mountPoint + "/settings.ini");
     const std::vector<unsigned char> stored(100, 's');
     settings.setByteArray("value", stored);
-    FillLeaving(8192);
+    struct statvfs room {};
+    ASSERT_EQ(::statvfs(QFile::encodeName(mountPoint).constData(), &room), 0);
+    QFile filler(mountPoint + "/filler");
+    ASSERT_TRUE(filler.open(QIODevice::WriteOnly));
+    ASSERT_EQ(::posix_fallocate(filler.handle(), 0, room.f_bavail * room.f_bsize - 8192), 0);
 
     std::vector<unsigned char> larger(16384);
     std::iota(larger.begin(), larger.end(), 0);  // every byte value, escaped in the file
@@ -162,39 +146,30 @@ TEST_F(FullDiskTest, WriteNamesTheFullDiskAndKeepsTheStoredValue) {
               (QStringList{"filler", "settings.ini"}));
 }
 
-struct StoredFlag {
-    const char* text;
-    std::optional<bool> read;  // empty: refused
-};
-
-void PrintTo(const StoredFlag& row, std::ostream* out) {
-    *out << '"' << row.text << '"';
-}
-
-class StoredFlagTest : public IniSettingsTest, public testing::WithParamInterface<StoredFlag> {};
-
-TEST_P(StoredFlagTest, OnlyTrueOrFalseIsABoolean) {
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QByteArray("[QK]\nScheduler\\scheduler_enabled=") + GetParam().text + "\n");
-    file.close();
-    const IniSettingsManager settings(path);
-    const auto read = [&] { return settings.getBool("QK/Scheduler/scheduler_enabled", false); };
-    if (GetParam().read) {
-        EXPECT_EQ(read(), *GetParam().read);
-    } else {
-        EXPECT_THAT(FailureOf(read),
-                    HasSubstr(path.toStdString() + ": QK/Scheduler/scheduler_enabled holds \"" +
-                              GetParam().text + "\", which is neither true nor false"));
+// QVariant would take any text but "", "0" and "false" for true.
+TEST_F(IniSettingsTest, OnlyTrueOrFalseOneOrZeroIsAFlag) {
+    const std::string key = "QK/Scheduler/scheduler_enabled";
+    const struct {
+        const char* text;
+        std::optional<bool> read;  // empty: refused
+    } rows[] = {{"True", true},          {"false", false},    {"1", true},       {"0", false},
+                {"maybe", std::nullopt}, {"2", std::nullopt}, {"", std::nullopt}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.text);
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray("[QK]\nScheduler\\scheduler_enabled=") + row.text + "\n");
+        file.close();
+        const IniSettingsManager settings(path);
+        if (row.read) {
+            EXPECT_EQ(settings.getBool(key, !*row.read), *row.read);
+        } else {
+            EXPECT_THAT(FailureOf([&] { settings.getBool(key, false); }),
+                        HasSubstr(path.toStdString() + ": " + key + " holds \"" + row.text +
+                                  "\", which is neither true nor false"));
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Rows, StoredFlagTest,
-                         testing::Values(StoredFlag{"True", true}, StoredFlag{"false", false},
-                                         StoredFlag{"1", true}, StoredFlag{"0", false},
-                                         StoredFlag{"maybe", std::nullopt},
-                                         StoredFlag{"2", std::nullopt},
-                                         StoredFlag{"", std::nullopt}));
 
 // Every kill leaves a whole schedule, and none older than the writer said it had stored.
 TEST_F(IniSettingsTest, WriterKilledMidWriteLeavesAWholeSchedule) {

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QThread>
@@ -29,10 +28,6 @@ bool RunLoopUntil(const std::function<bool()>& done, int timeoutMs) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
     }
     return done();
-}
-
-void RunLoopFor(int ms) {
-    RunLoopUntil([] { return false; }, ms);
 }
 
 // One release after many requests: a state, not a counter.
@@ -62,7 +57,7 @@ TEST(QtDurationTimer, FiresOnceNotEarlyOnTheArmingThreadUnlessStoppedOrDestroyed
         EXPECT_GE(std::chrono::steady_clock::now() - armedAt, 50500us);
         timer.Start(20ms, record);  // still armed when the service goes
     }
-    RunLoopFor(100);
+    RunLoopUntil([] { return false; }, 100);
     EXPECT_THAT(finishes, testing::ElementsAre(
                               std::make_pair(FinishReason::Elapsed, QThread::currentThread())));
 }
@@ -75,7 +70,7 @@ TEST(QueuedGateway, DeliversLaterToTheHandlerOfTheNameOnly) {
     gateway.SendStimulus({"A", nullptr});
     gateway.SendStimulus({"NONE", nullptr});
     EXPECT_TRUE(delivered.empty());
-    RunLoopFor(50);
+    RunLoopUntil([] { return false; }, 50);
     EXPECT_THAT(delivered, testing::ElementsAre("A"));
 }
 
