@@ -4,11 +4,13 @@
 #include <QRegularExpression>
 #include <QTimeZone>
 
-#include "Calendar.h"
-#include "Commands.h"
-#include "Plans.h"
+#include "base/WallTime.h"
+#include "plans/Calendar.h"
+#include "plans/Occurrences.h"
+#include "plans/Rules.h"
+#include "plans/TopUp.h"
 #include "RunnerHarness.h"
-#include "ScheduleRequests.h"
+#include "schedule/Edits.h"
 
 // Plans, their occurrences and calendars, on states held in memory.
 namespace Vexlor::ScheduleTool {

@@ -2,8 +2,9 @@
 
 #include <limits>
 
-#include "Commands.h"
-#include "ScheduleRequests.h"
+#include "schedule/Edits.h"
+#include "schedule/RunPolicy.h"
+#include "store/Protocol.h"
 
 // The edits themselves, on states held in memory: the same code serves a lone edit on the
 // file and the active run.

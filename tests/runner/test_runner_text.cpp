@@ -4,10 +4,10 @@
 #include <gtest/gtest.h>
 #include <QProcess>
 
-#include "CommandLine.h"
-#include "Duration.h"
+#include "cli/CommandLine.h"
+#include "base/Duration.h"
 #include "RunnerHarness.h"
-#include "SettingsPath.h"
+#include "store/SettingsPath.h"
 
 namespace Vexlor::ScheduleTool {
 namespace {

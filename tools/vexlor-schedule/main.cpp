@@ -3,10 +3,10 @@
 #include <QCoreApplication>
 #include <QList>
 
-#include "CommandLine.h"
-#include "Commands.h"
-#include "Diagnostics.h"
-#include "GuardedApplication.h"
+#include "cli/CommandLine.h"
+#include "cli/Commands.h"
+#include "base/Diagnostics.h"
+#include "cli/GuardedApplication.h"
 
 int main(int argc, char** argv) {
     Vexlor::ScheduleTool::GuardedApplication app(argc, argv);

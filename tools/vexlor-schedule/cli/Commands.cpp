@@ -1,0 +1,119 @@
+#include "cli/Commands.h"
+
+#include <cstdio>
+#include <exception>
+#include <memory>
+
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+
+#include "base/Diagnostics.h"
+#include "cli/Requests.h"
+#include "run/RunCommand.h"
+#include "store/EditClient.h"
+#include "store/SettingsPath.h"
+
+namespace Vexlor::ScheduleTool {
+
+namespace {
+
+int Print(const EditOutcome& outcome) {
+    std::fputs(outcome.out.toUtf8().constData(), stdout);
+    for (const QString& line : outcome.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        Error(line);
+    }
+    return outcome.exitCode;
+}
+
+int Fail(const QString& message) {
+    return Print({EXIT_REFUSED, {}, message, std::nullopt});
+}
+
+// `export FILE` writes the calendar there instead of to standard output.
+int PrintTo(const QString& file, EditOutcome outcome) {
+    if (outcome.exitCode == EXIT_DONE && !file.isEmpty()) {
+        QSaveFile out(file);
+        if (!out.open(QIODevice::WriteOnly) || out.write(outcome.out.toUtf8()) < 0 ||
+            !out.commit()) {
+            return Fail(QStringLiteral("cannot write %1: %2").arg(file, out.errorString()));
+        }
+        outcome.out.clear();
+    }
+    return Print(outcome);
+}
+
+// The shells' helper: a line naming what to complete (words, files or folders), then one
+// candidate per line. Quiet on failure: a shell shows what it gets.
+int Complete(const QStringList& words) {
+    const Completion completion = CompleteCommandLine(words);
+    const char* const kinds[] = {"words", "files", "folders"};
+    QStringList lines{QString::fromLatin1(kinds[completion.kind])};
+    lines += completion.words;
+    if (completion.titles) {
+        try {
+            EditRequest list;
+            list.command = CommandName::List;
+            list.json = true;
+            const EditOutcome listed =
+                Ask(LocateSchedule(SettingsPathForProcess(completion.settingsFile)), list);
+            const QJsonArray records = QJsonDocument::fromJson(listed.out.toUtf8())
+                                           .object()
+                                           .value(QStringLiteral("records"))
+                                           .toArray();
+            for (const QJsonValue& record : records) {
+                const QString title = record.toObject().value(QStringLiteral("title")).toString();
+                // One line per candidate; a title that starts with - needs -- before it.
+                if (!title.contains(QLatin1Char('\n')) &&
+                    (completion.titlesAfterDashes || !title.startsWith(QLatin1Char('-')))) {
+                    lines << title;
+                }
+            }
+        } catch (const std::exception&) {
+            // No titles, the rest all the same.
+        }
+    }
+    std::fputs((lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8().constData(), stdout);
+    return EXIT_DONE;
+}
+
+}  // namespace
+
+int Execute(const Invocation& invocation) {
+    if (invocation.command == CommandName::Help) {
+        std::fputs(invocation.helpText.toUtf8().constData(), stdout);
+        return EXIT_DONE;
+    }
+    if (invocation.command == CommandName::Complete) {
+        return Complete(invocation.words);
+    }
+    const QString path = SettingsPathForProcess(invocation.settingsFile);
+    try {
+        const ScheduleLocation location = LocateSchedule(path);
+        if (invocation.command == CommandName::Run) {
+            return RunScheduler(location, invocation.run);
+        }
+        EditRequest request = MakeEditRequest(invocation, Time::SystemClock().Now());
+        if (invocation.command == CommandName::Import) {
+            // Read here, where the name means what the user meant; the events are tracked by
+            // the file they came from.
+            QFile file(invocation.calendarFile);
+            if (!file.open(QIODevice::ReadOnly)) {
+                return Fail(QStringLiteral("cannot read %1: %2")
+                                .arg(invocation.calendarFile, file.errorString()));
+            }
+            request.calendar = file.readAll();
+            request.source = QFileInfo(file).canonicalFilePath();
+        }
+        const QString exportFile =
+            invocation.command == CommandName::Export ? invocation.calendarFile : QString();
+        return PrintTo(exportFile, Ask(location, request));
+    } catch (const std::exception& error) {
+        return Fail(QString::fromLocal8Bit(error.what()));
+    }
+}
+
+}  // namespace Vexlor::ScheduleTool

@@ -1,0 +1,77 @@
+#include "plans/Occurrences.h"
+
+#include <algorithm>
+
+#include <KCalendarCore/Recurrence>
+#include <QRegularExpression>
+
+#include "base/WallTime.h"
+#include "plans/Rules.h"
+
+namespace Vexlor::ScheduleTool {
+
+std::vector<Time::TimePoint> Occurrences(const Plan& plan, Time::TimePoint after,
+                                         std::size_t limit) {
+    std::vector<Time::TimePoint> starts;
+    const auto recurrence = WallRecurrence(plan);
+    if (!recurrence || limit == 0) {
+        return starts;
+    }
+    // A day back covers any offset change; what resolves to `after` or earlier is skipped.
+    QDateTime cursor = std::max(WallTimeAt(after, plan.zone).addDays(-1), plan.start.addSecs(-1));
+    while (starts.size() < limit) {
+        const QDateTime next = recurrence->getNextDateTime(cursor);
+        if (!next.isValid() || next <= cursor) {
+            break;
+        }
+        cursor = next;
+        const Time::TimePoint start = ResolveWallTime(QDateTime(next.date(), next.time(), Qt::UTC), plan.zone);
+        // A time in a gap can land on a later one's instant; each instant runs once.
+        if (start > after && (starts.empty() || start > starts.back())) {
+            starts.push_back(start);
+        }
+    }
+    return starts;
+}
+
+QString OccurrenceTitle(const Plan& plan, Time::TimePoint start) {
+    const QDateTime wall = WallTimeAt(start, plan.zone);
+    const QString format = wall.time().second() == 0 ? QStringLiteral("yyyy-MM-dd HH:mm")
+                                                     : QStringLiteral("yyyy-MM-dd HH:mm:ss");
+    return QStringLiteral("%1 (%2)").arg(plan.title, wall.toString(format));
+}
+
+bool IsOccurrenceOf(const Plan& plan, const QString& title) {
+    static const QRegularExpression stamp(
+        QStringLiteral("^ \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d(:\\d\\d)?\\)$"));
+    return title.startsWith(plan.title) && stamp.match(title.mid(plan.title.size())).hasMatch();
+}
+
+QK::RecordTime OccurrenceRecord(const Plan& plan, Time::TimePoint start) {
+    QK::RecordTime record;
+    record.title = OccurrenceTitle(plan, start);
+    record.startTime = start;
+    record.duration = plan.duration;
+    record.tag = plan.tag;
+    record.mode = static_cast<QK::RecordMode>(plan.mode);
+    return record;
+}
+
+std::optional<Time::TimePoint> NextOccurrence(const Plan& plan,
+                                              const QK::RecordTimeList& schedule) {
+    std::optional<Time::TimePoint> next;
+    for (const QK::RecordTime& record : schedule) {
+        if (IsOccurrenceOf(plan, record.title) && (!next || record.startTime < *next)) {
+            next = record.startTime;
+        }
+    }
+    if (!next) {
+        const auto starts = Occurrences(plan, plan.placedUntil, 1);
+        if (!starts.empty()) {
+            next = starts.front();
+        }
+    }
+    return next;
+}
+
+}  // namespace Vexlor::ScheduleTool

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <vector>
+
+#include <QString>
+
+#include "interfaces/RecordTime.h"
+#include "plans/Plan.h"
+
+namespace Vexlor::ScheduleTool {
+
+// The starts of the plan's occurrences after `after`, in order, at most `limit` of them.
+std::vector<Time::TimePoint> Occurrences(const Plan& plan, Time::TimePoint after,
+                                         std::size_t limit);
+
+// "Standup (2030-01-31 10:00)": unique within a plan, as its occurrences start at distinct
+// times of its clock.
+QString OccurrenceTitle(const Plan& plan, Time::TimePoint start);
+bool IsOccurrenceOf(const Plan& plan, const QString& title);
+
+// The plan's occurrence records as they go into the schedule.
+QK::RecordTime OccurrenceRecord(const Plan& plan, Time::TimePoint start);
+
+// The next occurrence of the plan that runs, in the schedule or still to be placed.
+std::optional<Time::TimePoint> NextOccurrence(const Plan& plan, const QK::RecordTimeList& schedule);
+
+}  // namespace Vexlor::ScheduleTool

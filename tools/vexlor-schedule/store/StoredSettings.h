@@ -1,0 +1,38 @@
+#pragma once
+
+#include <stdexcept>
+
+#include <QString>
+
+#include "plans/Plan.h"
+#include "interfaces/RecordTime.h"
+#include "interfaces/SettingsManager.h"
+
+namespace Vexlor::ScheduleTool {
+
+struct StoredSettings {
+    QK::RecordTimeList schedule;
+    bool enabled = false;
+    PlanBook plans{};
+};
+
+// The stored schedule is there but is not a schedule (a hand edit gone wrong).
+class UnreadableSchedule : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reads the schedule and the flag afresh from the settings file, through the library's
+// settings object. Throws UnreadableSchedule for a stored value that does not decode, and
+// std::runtime_error when the file cannot be read.
+StoredSettings ReadStoredSettings(const QString& path);
+
+// Writes what differs from the file.
+void WriteStoredSettings(const QString& path, const StoredSettings& settings);
+
+// The runner's plans, kept beside the library's keys in the same settings. Reading throws
+// UnreadableSchedule for a value that does not decode; writing writes only what differs.
+PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path);
+void WritePlans(App::ISettingsManager& manager, const PlanBook& plans);
+
+}  // namespace Vexlor::ScheduleTool
