@@ -4,12 +4,12 @@
 #include <QRegularExpression>
 #include <QTimeZone>
 
+#include "RunnerHarness.h"
 #include "base/WallTime.h"
 #include "plans/Calendar.h"
 #include "plans/Occurrences.h"
 #include "plans/Rules.h"
 #include "plans/TopUp.h"
-#include "RunnerHarness.h"
 #include "schedule/Edits.h"
 
 // Plans, their occurrences and calendars, on states held in memory.

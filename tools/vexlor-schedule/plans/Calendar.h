@@ -4,8 +4,8 @@
 #include <QString>
 #include <QStringList>
 
-#include "plans/Plan.h"
 #include "interfaces/RecordTime.h"
+#include "plans/Plan.h"
 
 namespace Vexlor::ScheduleTool {
 

@@ -25,7 +25,8 @@ std::vector<Time::TimePoint> Occurrences(const Plan& plan, Time::TimePoint after
             break;
         }
         cursor = next;
-        const Time::TimePoint start = ResolveWallTime(QDateTime(next.date(), next.time(), Qt::UTC), plan.zone);
+        const Time::TimePoint start =
+            ResolveWallTime(QDateTime(next.date(), next.time(), Qt::UTC), plan.zone);
         // A time in a gap can land on a later one's instant; each instant runs once.
         if (start > after && (starts.empty() || start > starts.back())) {
             starts.push_back(start);

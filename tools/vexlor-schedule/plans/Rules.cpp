@@ -45,11 +45,11 @@ std::unique_ptr<KCalendarCore::Recurrence> WallRecurrence(const Plan& plan) {
     const QDateTime until = rule->endDt();
     if (until.isValid() && rule->duration() == 0) {
         // UNTIL is an instant (written in UTC) unless it is written as a local time.
-        rule->setEndDt(
-            until.timeSpec() == Qt::LocalTime
-                ? QDateTime(until.date(), until.time(), Qt::UTC)
-                : WallTimeAt(Time::TimePoint(Time::Microseconds(until.toSecsSinceEpoch() * 1000000)),
-                             plan.zone));
+        rule->setEndDt(until.timeSpec() == Qt::LocalTime
+                           ? QDateTime(until.date(), until.time(), Qt::UTC)
+                           : WallTimeAt(Time::TimePoint(
+                                            Time::Microseconds(until.toSecsSinceEpoch() * 1000000)),
+                                        plan.zone));
     }
     recurrence->addRRule(rule.release());
     for (const QDateTime& exception : plan.exceptions) {
