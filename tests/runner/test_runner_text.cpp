@@ -4,9 +4,9 @@
 #include <gtest/gtest.h>
 #include <QProcess>
 
-#include "cli/CommandLine.h"
-#include "base/Duration.h"
 #include "RunnerHarness.h"
+#include "base/Duration.h"
+#include "cli/CommandLine.h"
 #include "store/SettingsPath.h"
 
 namespace Vexlor::ScheduleTool {

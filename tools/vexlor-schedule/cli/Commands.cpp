@@ -6,12 +6,10 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QSaveFile>
 
 #include "base/Diagnostics.h"
+#include "cli/CompleteCommand.h"
 #include "cli/Requests.h"
 #include "run/RunCommand.h"
 #include "store/EditClient.h"
@@ -46,40 +44,6 @@ int PrintTo(const QString& file, EditOutcome outcome) {
     return Print(outcome);
 }
 
-// The shells' helper: a line naming what to complete (words, files or folders), then one
-// candidate per line. Quiet on failure: a shell shows what it gets.
-int Complete(const QStringList& words) {
-    const Completion completion = CompleteCommandLine(words);
-    const char* const kinds[] = {"words", "files", "folders"};
-    QStringList lines{QString::fromLatin1(kinds[completion.kind])};
-    lines += completion.words;
-    if (completion.titles) {
-        try {
-            EditRequest list;
-            list.command = CommandName::List;
-            list.json = true;
-            const EditOutcome listed =
-                Ask(LocateSchedule(SettingsPathForProcess(completion.settingsFile)), list);
-            const QJsonArray records = QJsonDocument::fromJson(listed.out.toUtf8())
-                                           .object()
-                                           .value(QStringLiteral("records"))
-                                           .toArray();
-            for (const QJsonValue& record : records) {
-                const QString title = record.toObject().value(QStringLiteral("title")).toString();
-                // One line per candidate; a title that starts with - needs -- before it.
-                if (!title.contains(QLatin1Char('\n')) &&
-                    (completion.titlesAfterDashes || !title.startsWith(QLatin1Char('-')))) {
-                    lines << title;
-                }
-            }
-        } catch (const std::exception&) {
-            // No titles, the rest all the same.
-        }
-    }
-    std::fputs((lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8().constData(), stdout);
-    return EXIT_DONE;
-}
-
 }  // namespace
 
 int Execute(const Invocation& invocation) {
@@ -88,7 +52,7 @@ int Execute(const Invocation& invocation) {
         return EXIT_DONE;
     }
     if (invocation.command == CommandName::Complete) {
-        return Complete(invocation.words);
+        return PrintCompletion(invocation.words);
     }
     const QString path = SettingsPathForProcess(invocation.settingsFile);
     try {

@@ -4,8 +4,8 @@
 
 #include <QCoreApplication>
 
-#include "base/ExitCode.h"
 #include "base/Diagnostics.h"
+#include "base/ExitCode.h"
 
 namespace Vexlor::ScheduleTool {
 
