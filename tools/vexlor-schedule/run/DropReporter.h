@@ -2,8 +2,8 @@
 
 #include <functional>
 
-#include "run/EventPrinter.h"
 #include "interfaces/ICaptureSchedulerSettings.h"
+#include "run/EventPrinter.h"
 
 namespace Vexlor::ScheduleTool {
 
