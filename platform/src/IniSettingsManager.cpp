@@ -17,6 +17,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <variant>
 #include <vector>
 
 #include <QByteArray>
@@ -394,21 +395,39 @@ std::shared_ptr<const IniSettingsManager::Snapshot> IniSettingsManager::Current(
 }
 
 void IniSettingsManager::setBool(const std::string& key, bool value) {
-    SettingsFile file(path, "write");
-    file.Edit("write", EntryBytes(key, 5),
-              [&](QSettings& settings) { settings.setValue(ToKey(key), value); });
+    Apply({{key, Value(value)}});
 }
 
 void IniSettingsManager::setByteArray(const std::string& key,
                                       const std::vector<unsigned char>& value) {
-    if (value.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
-        throw std::length_error("settings value too large for key " + key);
+    Apply({{key, Value(value)}});
+}
+
+void IniSettingsManager::Apply(
+    const std::vector<std::pair<std::string, std::optional<Value>>>& changes) {
+    std::size_t growth = 0;
+    for (const auto& [key, value] : changes) {
+        const auto* bytes = value ? std::get_if<std::vector<unsigned char>>(&*value) : nullptr;
+        if (bytes && bytes->size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+            throw std::length_error("settings value too large for key " + key);
+        }
+        growth += !value ? 0 : EntryBytes(key, bytes ? bytes->size() : 5);
     }
     SettingsFile file(path, "write");
-    file.Edit("write", EntryBytes(key, value.size()), [&](QSettings& settings) {
-        // Stored as a QByteArray variant, which the INI format keeps byte for byte.
-        settings.setValue(ToKey(key), QByteArray(reinterpret_cast<const char*>(value.data()),
-                                                 static_cast<int>(value.size())));
+    file.Edit("write", growth, [&](QSettings& settings) {
+        for (const auto& [key, value] : changes) {
+            if (!value) {
+                settings.remove(ToKey(key));
+            } else if (const bool* flag = std::get_if<bool>(&*value)) {
+                settings.setValue(ToKey(key), *flag);
+            } else {
+                // Stored as a QByteArray variant, which the INI format keeps byte for byte.
+                const auto& bytes = std::get<std::vector<unsigned char>>(*value);
+                settings.setValue(ToKey(key),
+                                  QByteArray(reinterpret_cast<const char*>(bytes.data()),
+                                             static_cast<int>(bytes.size())));
+            }
+        }
     });
 }
 
@@ -452,8 +471,7 @@ bool IniSettingsManager::contains(const std::string& key) const {
 }
 
 void IniSettingsManager::remove(const std::string& key) {
-    SettingsFile file(path, "write");
-    file.Edit("write", 0, [&](QSettings& settings) { settings.remove(ToKey(key)); });
+    Apply({{key, std::nullopt}});
 }
 
 }  // namespace Vexlor::App

@@ -3,7 +3,10 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
+#include <variant>
 #include <vector>
 
 #include <QString>
@@ -44,6 +47,11 @@ public:
         const std::string& key, const std::vector<unsigned char>& defaultValue) const override;
     bool contains(const std::string& key) const override;
     void remove(const std::string& key) override;
+
+    using Value = std::variant<bool, std::vector<unsigned char>>;
+    // Several changes in one rewrite of the file, all or none; an empty optional removes the
+    // key.
+    void Apply(const std::vector<std::pair<std::string, std::optional<Value>>>& changes);
 
     const QString& filePath() const { return path; }
 

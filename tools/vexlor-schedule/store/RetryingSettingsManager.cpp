@@ -1,16 +1,16 @@
-#include "platform/RetryingSettingsManager.h"
+#include "store/RetryingSettingsManager.h"
 
 #include <exception>
 #include <utility>
 
 #include <QTimer>
 
-namespace Vexlor::App {
+namespace Vexlor::ScheduleTool {
 
 namespace {
 
-RetryingSettingsManager::Entry ReadEntry(const ISettingsManager& manager, const std::string& key,
-                                         bool isBool) {
+RetryingSettingsManager::Entry ReadEntry(const App::ISettingsManager& manager,
+                                         const std::string& key, bool isBool) {
     RetryingSettingsManager::Entry entry;
     entry.isBool = isBool;
     if (!manager.contains(key)) {
@@ -26,7 +26,7 @@ RetryingSettingsManager::Entry ReadEntry(const ISettingsManager& manager, const 
 
 }  // namespace
 
-RetryingSettingsManager::RetryingSettingsManager(std::shared_ptr<ISettingsManager> inner,
+RetryingSettingsManager::RetryingSettingsManager(std::shared_ptr<App::IniSettingsManager> inner,
                                                  std::chrono::milliseconds retryInterval,
                                                  StorageCallback onStorage)
     : inner(std::move(inner)), onStorage(std::move(onStorage)), retry(std::make_unique<QTimer>()) {
@@ -94,27 +94,25 @@ void RetryingSettingsManager::remove(const std::string& key) {
 void RetryingSettingsManager::Store(const std::string& key, Entry entry) {
     held[key] = std::move(entry);
     dirty.insert(key);
-    Flush();
+    if (batches == 0) {
+        Flush();
+    }
 }
 
 bool RetryingSettingsManager::Flush() {
-    while (!dirty.empty()) {
-        const std::string key = *dirty.begin();
-        const Entry& entry = held.at(key);
+    if (!dirty.empty()) {
+        std::vector<std::pair<std::string, std::optional<App::IniSettingsManager::Value>>> changes;
+        for (const std::string& key : dirty) {
+            changes.emplace_back(key, held.at(key).value);
+        }
         try {
-            if (!entry.value) {
-                inner->remove(key);
-            } else if (const bool* flag = std::get_if<bool>(&*entry.value)) {
-                inner->setBool(key, *flag);
-            } else {
-                inner->setByteArray(key, std::get<std::vector<unsigned char>>(*entry.value));
-            }
+            inner->Apply(changes);
         } catch (const std::exception& error) {
             Report(std::string(error.what()));
             retry->start();
             return false;
         }
-        dirty.erase(key);
+        dirty.clear();
     }
     retry->stop();
     Report(std::nullopt);
@@ -151,4 +149,4 @@ void RetryingSettingsManager::Report(const std::optional<std::string>& now) {
     }
 }
 
-}  // namespace Vexlor::App
+}  // namespace Vexlor::ScheduleTool

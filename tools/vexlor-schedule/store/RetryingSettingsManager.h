@@ -11,27 +11,27 @@
 #include <vector>
 
 #include "interfaces/SettingsManager.h"
-#include "vexlor_platform_export.h"
+#include "platform/IniSettingsManager.h"
 
 class QTimer;
 
-namespace Vexlor::App {
+namespace Vexlor::ScheduleTool {
 
 // For the one process that owns some settings: holds them in memory and writes every change
-// through to another manager (the settings file). A write that fails never throws: the
-// change stays in memory, is reported, and is retried until it lands, so the owner keeps
-// working from what it was told while storage is gone or full.
+// through to the settings file, all changes made within one Batch in one rewrite. A write that
+// fails never throws: the change stays in memory, is reported, and is retried until it lands, so
+// the owner keeps working from what it was told while storage is gone or full.
 //
 // A key is read from the inner manager the first time it is asked for (failures of that
 // first read do throw) and from memory afterwards. Reload() takes what others wrote to
 // the file. For the thread that runs the Qt event loop only.
-class VEXLOR_PLATFORM_EXPORT RetryingSettingsManager : public QK::IApplicationSettingsManager {
+class RetryingSettingsManager : public QK::IApplicationSettingsManager {
 public:
     // Called with the failure's text when writing starts failing or fails for another
     // reason, and with nothing once everything is written again.
     using StorageCallback = std::function<void(const std::optional<std::string>& failure)>;
 
-    RetryingSettingsManager(std::shared_ptr<ISettingsManager> inner,
+    RetryingSettingsManager(std::shared_ptr<App::IniSettingsManager> inner,
                             std::chrono::milliseconds retryInterval, StorageCallback onStorage);
     ~RetryingSettingsManager() override;
     RetryingSettingsManager(const RetryingSettingsManager&) = delete;
@@ -44,6 +44,23 @@ public:
         const std::string& key, const std::vector<unsigned char>& defaultValue) const override;
     bool contains(const std::string& key) const override;
     void remove(const std::string& key) override;
+
+    // Holds back the writes of the changes made while it lives; the last one to go writes
+    // them all at once. Without one, each change is written as it is made.
+    class [[nodiscard]] Batch {
+    public:
+        explicit Batch(RetryingSettingsManager& owner) : owner(owner) { ++owner.batches; }
+        ~Batch() {
+            if (--owner.batches == 0 && owner.HasPending()) {
+                owner.Flush();
+            }
+        }
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+
+    private:
+        RetryingSettingsManager& owner;
+    };
 
     // Changes that did not reach the inner manager yet.
     bool HasPending() const { return !dirty.empty(); }
@@ -76,7 +93,8 @@ private:
     void Store(const std::string& key, Entry entry);
     void Report(const std::optional<std::string>& now);
 
-    std::shared_ptr<ISettingsManager> inner;
+    std::shared_ptr<App::IniSettingsManager> inner;
+    int batches = 0;  // open Batch guards
     StorageCallback onStorage;
     mutable Snapshot held;
     std::set<std::string> dirty;
@@ -84,4 +102,4 @@ private:
     std::unique_ptr<QTimer> retry;
 };
 
-}  // namespace Vexlor::App
+}  // namespace Vexlor::ScheduleTool

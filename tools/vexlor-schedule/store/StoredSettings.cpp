@@ -1,18 +1,43 @@
 #include "store/StoredSettings.h"
 
+#include <map>
 #include <memory>
 
 #include "Scheduler/SchedulerSettings.h"
 #include "platform/IniSettingsManager.h"
+#include "store/RetryingSettingsManager.h"
 
 namespace Vexlor::ScheduleTool {
 
 namespace {
 
-// Where the settings object keeps the schedule; a schedule that does not decode can only be
-// replaced below it.
-const std::string SCHEDULE_KEY = "QK/Scheduler/schedule";
 const std::string PLANS_KEY = "Runner/plans";
+
+// Takes what is written to it and forgets nothing else: an empty settings store.
+class KeyRecorder : public QK::IApplicationSettingsManager {
+public:
+    std::map<std::string, std::vector<unsigned char>> written;
+
+    void setBool(const std::string&, bool) override {}
+    void setByteArray(const std::string& key, const std::vector<unsigned char>& value) override {
+        written[key] = value;
+    }
+    bool getBool(const std::string&, bool defaultValue) const override { return defaultValue; }
+    std::vector<unsigned char> getByteArray(
+        const std::string&, const std::vector<unsigned char>& defaultValue) const override {
+        return defaultValue;
+    }
+    bool contains(const std::string&) const override { return false; }
+    void remove(const std::string&) override {}
+};
+
+// Where the settings object keeps the schedule, as it shows by storing one: a schedule that
+// does not decode can only be replaced below it.
+std::string ScheduleKey() {
+    auto recorder = std::make_shared<KeyRecorder>();
+    QK::SchedulerSettings(recorder).SetSchedule({QK::RecordTime{}});
+    return recorder->written.size() == 1 ? recorder->written.begin()->first : std::string();
+}
 
 }  // namespace
 
@@ -33,17 +58,26 @@ StoredSettings ReadStoredSettings(const QString& path) {
 }
 
 void WriteStoredSettings(const QString& path, const StoredSettings& wanted) {
-    auto manager = std::make_shared<App::IniSettingsManager>(path);
-    QK::SchedulerSettings settings(manager);
-    try {
-        settings.SetSchedule(wanted.schedule);
-    } catch (const std::logic_error&) {
-        // The old value does not decode, so the settings object cannot compare with it.
-        manager->remove(SCHEDULE_KEY);
-        settings.SetSchedule(wanted.schedule);
+    // Held and written as one change: schedule, flag and plans in one rewrite of the file.
+    RetryingSettingsManager storage(std::make_shared<App::IniSettingsManager>(path),
+                                    std::chrono::milliseconds(0), nullptr);
+    {
+        const RetryingSettingsManager::Batch batch(storage);
+        auto manager = std::shared_ptr<RetryingSettingsManager>(&storage, [](auto*) {});
+        QK::SchedulerSettings settings(manager);
+        try {
+            settings.SetSchedule(wanted.schedule);
+        } catch (const std::logic_error&) {
+            // The old value does not decode, so the settings object cannot compare with it.
+            storage.remove(ScheduleKey());
+            settings.SetSchedule(wanted.schedule);
+        }
+        settings.SetSchedulerEnabled(wanted.enabled);
+        WritePlans(storage, wanted.plans);
     }
-    settings.SetSchedulerEnabled(wanted.enabled);
-    WritePlans(*manager, wanted.plans);
+    if (storage.HasPending()) {
+        throw std::runtime_error(storage.Failure().value_or("the settings were not written"));
+    }
 }
 
 PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path) {

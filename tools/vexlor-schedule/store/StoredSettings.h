@@ -4,9 +4,9 @@
 
 #include <QString>
 
-#include "plans/Plan.h"
 #include "interfaces/RecordTime.h"
 #include "interfaces/SettingsManager.h"
+#include "plans/Plan.h"
 
 namespace Vexlor::ScheduleTool {
 
