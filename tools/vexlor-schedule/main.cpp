@@ -3,9 +3,9 @@
 #include <QCoreApplication>
 #include <QList>
 
+#include "base/Diagnostics.h"
 #include "cli/CommandLine.h"
 #include "cli/Commands.h"
-#include "base/Diagnostics.h"
 #include "cli/GuardedApplication.h"
 
 int main(int argc, char** argv) {

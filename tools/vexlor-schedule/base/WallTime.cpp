@@ -90,9 +90,9 @@ std::vector<long long> WallMoments(const QDateTime& wall, const QString& zone) {
 
 Time::TimePoint ResolveWallTime(const QDateTime& wall, const QString& zone) {
     const std::vector<long long> moments = WallMoments(wall, zone);
-    const long long seconds = !moments.empty()
-                                  ? moments.front()
-                                  : wall.toSecsSinceEpoch() - OffsetAt(wall.toSecsSinceEpoch() - DAY, zone);
+    const long long seconds =
+        !moments.empty() ? moments.front()
+                         : wall.toSecsSinceEpoch() - OffsetAt(wall.toSecsSinceEpoch() - DAY, zone);
     return Time::TimePoint(Time::Microseconds(seconds * MICROS));
 }
 

@@ -35,7 +35,7 @@ CaptureController::~CaptureController() = default;
 void CaptureController::SendStimulus(ExternalStimulus::Stimulus stimulus) {
     if (stimulus.name != "RECORD_SCHEDULE") {
         events.CaptureNote(QStringLiteral("request ignored: unknown stimulus \"%1\"")
-                         .arg(QString::fromStdString(stimulus.name)));
+                               .arg(QString::fromStdString(stimulus.name)));
         return;
     }
     events.RecordingRequested();

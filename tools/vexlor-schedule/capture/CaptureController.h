@@ -8,9 +8,9 @@
 #include <QString>
 #include <QTimer>
 
-#include "capture/CaptureProcess.h"
-#include "capture/CaptureEvents.h"
 #include "base/LiveCapture.h"
+#include "capture/CaptureEvents.h"
+#include "capture/CaptureProcess.h"
 #include "capture/ScreenCapture.h"
 #include "interfaces/Gateway.h"
 #include "interfaces/IScheduler.h"

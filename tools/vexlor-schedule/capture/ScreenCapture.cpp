@@ -111,8 +111,8 @@ std::optional<ScreenSetup> PrepareScreenCapture(const std::optional<QString>& ou
                 QStringLiteral("ffmpeg cannot grab display %1: %2").arg(setup.display, failure);
         return std::nullopt;
     }
-    const QString folder = outputDir.value_or(
-        QStandardPaths::writableLocation(QStandardPaths::MoviesLocation));
+    const QString folder =
+        outputDir.value_or(QStandardPaths::writableLocation(QStandardPaths::MoviesLocation));
     if (folder.isEmpty()) {
         error = cannot + QStringLiteral("no videos folder known; name one with --output");
         return std::nullopt;

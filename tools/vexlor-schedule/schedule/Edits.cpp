@@ -2,13 +2,13 @@
 
 #include <algorithm>
 
+#include "Scheduler/SchedulerHelper.h"
 #include "base/RecordText.h"
 #include "core/Saturating.h"
 #include "plans/Calendar.h"
 #include "plans/Occurrences.h"
 #include "plans/Rules.h"
 #include "plans/TopUp.h"
-#include "Scheduler/SchedulerHelper.h"
 #include "schedule/Reports.h"
 
 namespace Vexlor::ScheduleTool {
