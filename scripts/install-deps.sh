@@ -11,7 +11,8 @@ packages=(
   clang libclang-rt-14-dev clang-format
   dbus
   ffmpeg xvfb x11-xserver-utils
-  # The user service: sd_notify, and systemd-analyze with systemd's pkg-config file.
+  # sd-bus for the D-Bus back-ends' bus check; the user service: sd_notify, and
+  # systemd-analyze with systemd's pkg-config file.
   libsystemd-dev systemd
   # Real desktop services in the tests: logind mocked, and a notification server on Xvfb.
   python3-dbusmock dunst

@@ -12,11 +12,13 @@ enum class Kind { Session, System };
 // Checks that a bus answers before QtDBus is let near it. QtDBus connects, authenticates and
 // says Hello to the session and system bus without any time limit, in a thread of its own
 // that every later connection waits behind, so a bus that takes the connection and never
-// answers would hold the caller for good. The probe does the same steps on a socket of its
-// own (connect, SASL EXTERNAL, Hello and its reply) and gives up at a deadline.
+// answers would hold the caller for good. The probe takes the same steps with sd-bus on a
+// connection of its own (connect, SASL EXTERNAL, Hello and its reply) and gives up at a
+// deadline.
 //
 // Only the transports `unix:path=` and `unix:abstract=` can be checked; an address that
-// needs another one fails the check, and so QtDBus never gets that bus.
+// needs another one fails the check, and so QtDBus never gets that bus. A `guid=` in the
+// address is not checked: which server answers is QtDBus's concern.
 class VEXLOR_PLATFORM_DBUS_EXPORT Probe {
 public:
     static constexpr std::chrono::milliseconds DefaultTimeout{2000};
