@@ -100,18 +100,20 @@ TEST(BusProbe, GivesUpAtTheDeadlineWhenTheBusTakesNoConnection) {
     }
 }
 
-// Peers that answer each line the probe sends with the next answer, then stay silent until the
-// probe hangs up. Passing the login is not enough: only the reply to Hello shows that the bus
-// works. One peer takes the rows' connections in turn.
+// Peers that answer each write of the probe with the next answer, as a bus would, then stay
+// silent until the probe hangs up. Passing the login is not enough: only the reply to Hello
+// shows that the bus works. One peer takes the rows' connections in turn.
 TEST(BusProbe, OnlyAReplyToHelloPasses) {
-    const std::string OK = "OK 0123456789abcdef0123456789abcdef\r\n";
+    const std::string LOGIN = "DATA\r\nOK 0123456789abcdef0123456789abcdef\r\nAGREE_UNIX_FD\r\n";
     // The peer's answers, then what the probe makes of them.
     const std::vector<std::tuple<std::vector<std::string>, Outcome, std::string>> rows{
-        {{"REJECTED EXTERNAL\r\n"}, Outcome::Refused, "authentication refused: REJECTED EXTERNAL"},
-        {{OK}, Outcome::Silent, "no answer to Hello"},
-        {{OK, "HTTP/1.1 400 Bad Request\r\n\r\n"},
+        {{"REJECTED EXTERNAL\r\nERROR\r\nERROR\r\n"},
          Outcome::Refused,
-         "the answer to Hello is not D-Bus"}};
+         "authentication failed: Operation not permitted"},
+        {{LOGIN}, Outcome::Silent, "no answer to Hello"},
+        {{LOGIN, "HTTP/1.1 400 Bad Request\r\n\r\n"},
+         Outcome::Refused,
+         "Hello failed: Bad message"}};
     QTemporaryDir folder;
     const std::string path = folder.filePath("bus").toStdString();
     const int listener = Listen(path);
