@@ -1,10 +1,15 @@
 #include <gtest/gtest.h>
+
+#include <tuple>
+#include <vector>
+
 #include <QDateTime>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QRegularExpression>
 
 #include "RunnerHarness.h"
 
@@ -21,39 +26,58 @@ const QString WRITE_ENVIRONMENT = QStringLiteral(
 
 // The settings file comes from the environment here; the title is one that a shell would
 // expand if the runner ever let one read it. The command outlasts each recording, so each
-// capture ends with its duration; a record due during a capture is dropped unrun.
-TEST_F(RunnerTest, RecordingsRunInOrderWithTheirValuesOrAreDroppedAndLeaveTheScheduleEmpty) {
+// capture ends with its duration. Recordings back to back are all made; one within another
+// is not, one that overlaps the end of another begins when that ends.
+TEST_F(RunnerTest, RecordingsRunInOrderWithTheirValuesBackToBackOrLateAndLeaveTheScheduleEmpty) {
     settingsFromEnvironment = true;
     const QString title = QStringLiteral("$(touch x); \"quotes\" `touch y` 'z'");
-    // Far enough ahead for the five commands before the run, also in a sanitizer build.
-    Add({"First", "--in", "4s", "--for", "3s", "--tag", "7", "--mode", "1"});
-    Add({"Squeezed", "--in", "5s", "--for", "1s", "--allow-overlap"});
-    Add({title, "--in", "8s", "--for", "1s", "--enable"});
+    // Whole seconds, far enough ahead for the commands before the run, also in a sanitizer
+    // build.
+    const qint64 base = QDateTime::currentSecsSinceEpoch() + 6;
+    const auto at = [base](int second) {
+        return QDateTime::fromSecsSinceEpoch(base + second).toString("yyyy-MM-dd HH:mm:ss");
+    };
+    Add({"First", "--at", at(0), "--for", "3s", "--tag", "7", "--mode", "1"});
+    Add({"Squeezed", "--at", at(1), "--for", "1s", "--allow-overlap"});
+    Add({"Next", "--at", at(3), "--for", "1s"});
+    Add({title, "--at", at(4), "--for", "2s"});
+    Add({"Late", "--at", at(5), "--for", "2s", "--allow-overlap", "--enable"});
     ASSERT_TRUE(QFile::exists(SettingsFile()));
     const QString status = Run({"status"}).out;
     EXPECT_TRUE(status.contains("next: \"First\"")) << status.toStdString();
     const QStringList listed = Run({"list"}).out.split('\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(listed.size(), 3);
+    ASSERT_EQ(listed.size(), 5);
     EXPECT_TRUE(listed[0].contains("\"First\"  tag 7  mode 1")) << listed[0].toStdString();
 
     const Outcome run = Run({"run", "--until-empty", "--exec", WRITE_ENVIRONMENT + "; sleep 10"});
     ASSERT_EQ(run.exitCode, 0) << run.err.toStdString();
-    EXPECT_TRUE(run.out.contains("records dropped: \"Squeezed\"")) << run.out.toStdString();
-    EXPECT_FALSE(run.out.contains("records dropped: \"First\"")) << run.out.toStdString();
+    EXPECT_FALSE(run.out.contains("records dropped")) << run.out.toStdString();
+    EXPECT_TRUE(run.out.contains("not recorded: \"Squeezed\"")) << run.out.toStdString();
+    const QRegularExpression late("recording started: \"Late\", [^\n]*\\(began late: ");
+    EXPECT_TRUE(run.out.contains(late)) << run.out.toStdString();
     const QStringList lines =
         QString::fromUtf8(ReadFile("environment.txt")).split('\n', Qt::SkipEmptyParts);
-    ASSERT_EQ(lines.size(), 2) << run.out.toStdString();
-    const QStringList first = lines[0].split('|'), second = lines[1].split('|');
-    EXPECT_EQ(first.mid(0, 1) + first.mid(3), (QStringList{"First", "7", "1"}));
-    EXPECT_EQ(second.mid(0, 1) + second.mid(3), (QStringList{title, "-1", "0"}));
+    ASSERT_EQ(lines.size(), 4) << run.out.toStdString();
+    QList<QStringList> fields;
+    for (const QString& line : lines) {
+        fields << line.split('|');
+    }
+    EXPECT_EQ(fields[0].mid(0, 1) + fields[0].mid(3), (QStringList{"First", "7", "1"}));
+    EXPECT_EQ(fields[2].mid(0, 1) + fields[2].mid(3), (QStringList{title, "-1", "0"}));
     EXPECT_FALSE(QFile::exists(FilePath("x")) || QFile::exists(FilePath("y")));
-    // What the observers got: the planned length, less the lateness of the start.
-    EXPECT_NEAR(first.value(2).toLongLong(), 3000, 150) << lines.join('\n').toStdString();
-    EXPECT_NEAR(second.value(2).toLongLong(), 1000, 150) << lines.join('\n').toStdString();
-    const QDateTime firstStart = QDateTime::fromString(first.value(1), Qt::ISODateWithMs);
-    const QDateTime secondStart = QDateTime::fromString(second.value(1), Qt::ISODateWithMs);
-    ASSERT_TRUE(firstStart.isValid() && secondStart.isValid()) << lines.join('\n').toStdString();
-    EXPECT_NEAR(firstStart.msecsTo(secondStart), 4000, 500);
+    const QDateTime firstStart = QDateTime::fromString(fields[0].value(1), Qt::ISODateWithMs);
+    // Title, planned length and start after the first's: the start is the planned one, the
+    // length what was left of it when the capture began.
+    const std::vector<std::tuple<QString, long long, long long>> expected{
+        {"First", 3000, 0}, {"Next", 1000, 3000}, {title, 2000, 4000}, {"Late", 1000, 6000}};
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        const auto& [name, duration, offset] = expected[i];
+        EXPECT_EQ(fields[i].value(0), name) << lines.join('\n').toStdString();
+        const long long left = fields[i].value(2).toLongLong();
+        EXPECT_TRUE(left <= duration && left > duration - 700) << name.toStdString() << left;
+        const QDateTime start = QDateTime::fromString(fields[i].value(1), Qt::ISODateWithMs);
+        EXPECT_EQ(firstStart.msecsTo(start), offset) << name.toStdString();
+    }
 
     EXPECT_EQ(Run({"list"}).out, QString());
     EXPECT_TRUE(Run({"status"}).out.contains("scheduling: disabled"));

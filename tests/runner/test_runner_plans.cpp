@@ -176,6 +176,9 @@ TEST(AddPlanTest, ChecksEveryOccurrenceWithinTheHorizon) {
     EXPECT_THAT(refused.err.toStdString(),
                 HasSubstr("(2030-01-03 10:00)\" at 2030-01-03 10:00:00 for 30m overlaps \"Talk\""));
     EXPECT_FALSE(refused.changed);
+    EditRequest after = plan;  // begins as "Talk" ends
+    after.wallStart = WallFromText(QStringLiteral("2030-01-01T10:45:00"));
+    EXPECT_TRUE(ApplyEdit(state, after, context).changed);
 
     plan.allowOverlap = true;
     const EditOutcome added = ApplyEdit(state, plan, context);

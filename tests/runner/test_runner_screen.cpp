@@ -51,6 +51,10 @@ TEST_F(ScreenTest, RecordsThePlannedWindowIntoANewFileWithASafeName) {
     const QString name =
         "Review_1 \"a\" 'b' $(touch pwned) " + start.toString("yyyy-MM-dd HH-mm-ss");
     Add({title, "--at", start.toString("yyyy-MM-dd HH:mm:ss"), "--for", "3s", "--enable"});
+    // Back to back: its capture starts while the first one's still runs.
+    const QDateTime next = start.addSecs(3);
+    const QString nextName = "Next " + next.toString("yyyy-MM-dd HH-mm-ss") + ".mkv";
+    Add({"Next", "--at", next.toString("yyyy-MM-dd HH:mm:ss"), "--for", "2s"});
     ASSERT_TRUE(QDir().mkpath(FilePath("videos")));
     QFile taken(FilePath("videos/" + name + ".mkv"));
     ASSERT_TRUE(taken.open(QIODevice::WriteOnly) && taken.write("kept") == 4 && taken.flush());
@@ -61,7 +65,7 @@ TEST_F(ScreenTest, RecordsThePlannedWindowIntoANewFileWithASafeName) {
     EXPECT_EQ(run.err.count("warning: no PulseAudio or PipeWire source"), 1)
         << run.err.toStdString();
     EXPECT_EQ(Videos().join(" | ").toStdString(),
-              (name + " (2).mkv | " + name + ".mkv").toStdString());
+              (nextName + " | " + name + " (2).mkv | " + name + ".mkv").toStdString());
     EXPECT_EQ(ReadFile("videos/" + name + ".mkv"), "kept");
     EXPECT_FALSE(QFile::exists(FilePath("pwned")));
 
@@ -71,6 +75,10 @@ TEST_F(ScreenTest, RecordsThePlannedWindowIntoANewFileWithASafeName) {
     EXPECT_NEAR(Probe(name + " (2).mkv", "format=duration").toDouble() - first, 3.0, 0.3)
         << run.out.toStdString();
     EXPECT_EQ(Probe(name + " (2).mkv", "stream=codec_type"), "video");  // and no sound
+    const double nextFirst = Probe(nextName, "format=start_time").toDouble();
+    EXPECT_TRUE(nextFirst >= 0.0 && nextFirst < 0.5) << nextFirst;
+    EXPECT_NEAR(Probe(nextName, "format=duration").toDouble() - nextFirst, 2.0, 0.3)
+        << run.out.toStdString();
 
     QProcess frame;
     frame.start("ffmpeg",

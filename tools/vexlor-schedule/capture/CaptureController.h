@@ -3,38 +3,44 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
-#include <QDeadlineTimer>
 #include <QString>
 #include <QTimer>
 
 #include "base/LiveCapture.h"
+#include "capture/Capture.h"
 #include "capture/CaptureEvents.h"
-#include "capture/CaptureProcess.h"
-#include "capture/ScreenCapture.h"
 #include "interfaces/Gateway.h"
 #include "interfaces/IScheduler.h"
 
 namespace Vexlor::ScheduleTool {
 
 // Stands in for the application's capture controller, and is the gateway through which the
-// scheduler asks for captures, so that one object owns a request from the stimulus to
-// AfterCaptureStopped. On "RECORD_SCHEDULE" it tells the scheduler at once that a capture
-// starts (no second request can follow), and from the event loop runs the request's
+// scheduler asks for captures. On "RECORD_SCHEDULE" it tells the scheduler at once that a
+// capture starts (no second request can follow), and from the event loop runs the request's
 // callback (which tells the scheduler's observers, this one among them, which recording
-// starts and for how long) and the capture: COMMAND under /bin/sh with the recording in its
-// environment, ffmpeg recording the screen into a file of its own, or a simulated capture.
-// The capture ends when the program exits or at the planned end; then the scheduler hears
-// AfterCaptureStopped.
+// starts and for how long) and begins the capture.
+//
+// The scheduler makes one capture at a time and drops what falls due meanwhile; recordings
+// follow each other, so this controller may run several. It tells the scheduler that the
+// capture stopped once the capture ends, or earlier, shortly before the scheduler's next
+// record is due, while the capture goes on: the next request then comes on time. A recording
+// begins side by side with one that ends at or after its start; one that overlaps a running
+// recording begins when that ends (what is left of it), and one without a planned end ends
+// where the next begins.
 class CaptureController : public QK::ISchedulerObserver, public ExternalStimulus::IGateway {
 public:
     static constexpr int KILL_DELAY_MS = CaptureProcess::KILL_DELAY_MS;
 
-    // With `screen`, `lead` is the part of the scheduler's lead time that widens the
-    // recorded window; the rest is ffmpeg's start-up.
-    CaptureController(ICaptureEvents& events, std::optional<QString> command,
-                      std::function<void()> onIdle, std::optional<ScreenSetup> screen = {},
-                      Time::Microseconds lead = Time::Microseconds(0));
+    // `lead` is the part of the scheduler's lead time that widens a screen capture's window;
+    // `requestLead` is the scheduler's whole lead time, how far ahead of a record's start it
+    // asks for its capture. `onIdle` is called when the last capture ended; `onCapturing`
+    // whenever captures begin running or all have ended.
+    CaptureController(ICaptureEvents& events, CaptureSetup setup, std::function<void()> onIdle,
+                      Time::Microseconds lead = Time::Microseconds(0),
+                      Time::Microseconds requestLead = Time::Microseconds(0),
+                      std::function<void(bool capturing)> onCapturing = {});
     ~CaptureController() override;
 
     CaptureController(const CaptureController&) = delete;
@@ -49,49 +55,69 @@ public:
 
     void OnScheduledCaptureStarted(const QK::RecordTime& record) override;
 
-    // The recording being captured now, if any.
-    std::optional<QK::RecordTime> CurrentRecord() const {
-        return capturing ? startedRecord : std::nullopt;
-    }
+    // The recording begun last of those being captured now, if any.
+    std::optional<QK::RecordTime> CurrentRecord() const;
 
-    // The capture running now, with when it began and where it goes; nothing while none
-    // runs or one is requested and has not begun.
+    // That capture, with when it began and where it goes.
     std::optional<LiveCapture> Live() const;
 
     // No capture runs and none is on its way.
-    bool IsIdle() const { return !capturing; }
+    bool IsIdle() const { return !held && Running() == 0 && pendings.empty(); }
 
-    // Ends a running capture (the command gets SIGTERM, SIGKILL 5 s later) and calls `done`
-    // once it has ended and the scheduler was told; at once when none runs. A second Stop
-    // while the first waits calls both.
+    // Ends every running capture (the command gets SIGTERM, SIGKILL 5 s later) and one on its
+    // way, and calls `done` once all have ended and the scheduler was told; at once when none
+    // runs. A second Stop while the first waits calls both.
     void Stop(std::function<void()> done);
 
 private:
+    // A recording that begins when one it overlaps ends.
+    struct Pending {
+        QK::RecordTime record;  // from that end on
+        QString note;           // why it begins late
+        bool held = false;      // the scheduler waits for it
+    };
+    struct Later {
+        QString title;
+        Time::TimePoint end;
+    };
+
     void Deliver(const ExternalStimulus::Stimulus& stimulus);
-    void Begin(const QK::RecordTime& record, Time::TimePoint now);
-    void BeginScreen(const QK::RecordTime& record, std::optional<Time::TimePoint> plannedEnd);
-    bool ArmDurationLeg();
-    void EndByDuration();
-    void Finish(const QString& how);
+    void Place(QK::RecordTime record, Time::TimePoint now);
+    const Later* LatestEnd();
+    Time::TimePoint BeginAt(const Pending& pending) const;
+    void ArmPending(Time::TimePoint now);
+    void BeginPending();
+    void Begin(const QK::RecordTime& record, Time::TimePoint windowStart, const QString& note,
+               bool heldByScheduler);
+    void Ended(const Capture& capture);
+    void CheckHandOver();
+    void Release();
+    void AfterChange();
+    std::size_t Running() const;
+    const Capture* Latest() const;
 
     QK::IScheduler* scheduler = nullptr;
     ICaptureEvents& events;
-    std::optional<QString> command;
+    CaptureSetup setup;
     std::function<void()> onIdle;
-    std::optional<ScreenSetup> screen;
     Time::Microseconds lead;
+    Time::Microseconds requestLead;
+    std::function<void(bool)> onCapturing;
 
     QObject context;  // deliveries still queued die with the controller
     bool requested = false;
-    bool capturing = false;  // from the request to AfterCaptureStopped
+    bool held = false;  // the scheduler takes a capture to be running
     std::optional<QK::RecordTime> startedRecord;
-    QString currentTitle;
-    std::optional<LiveCapture> live;
-    QTimer durationTimer;
-    QDeadlineTimer captureEnd;
-    std::unique_ptr<ScreenRecording> recording;
-    std::unique_ptr<CaptureProcess> process;
+    std::vector<Pending> pendings;
+    std::optional<Later> latest;
+    QTimer pendingTimer;
+    QTimer handOverTimer;
+    // Ended captures stay until the next begins: they may be inside their own signal.
+    std::vector<std::unique_ptr<Capture>> captures;
+    const Capture* heldCapture = nullptr;  // the one the scheduler waits for
     std::function<void()> afterStop;
+    bool wasCapturing = false;
+    bool idleTold = true;
 };
 
 }  // namespace Vexlor::ScheduleTool

@@ -68,12 +68,14 @@ void EventPrinter::RecordingRequested() {
     Line(QStringLiteral("recording requested"));
 }
 
-void EventPrinter::RecordingStarted(const QK::RecordTime& record, const QString& file) {
+void EventPrinter::RecordingStarted(const QK::RecordTime& record, const QString& file,
+                                    const QString& note) {
     const QString length = record.duration.count() == 0
                                ? QStringLiteral("no planned end")
                                : QStringLiteral("duration %1").arg(FormatDuration(record.duration));
     Line(QStringLiteral("recording started: %1, %2").arg(QuoteTitle(record.title), length) +
-         (file.isEmpty() ? QString() : QStringLiteral(", into %1").arg(file)));
+         (file.isEmpty() ? QString() : QStringLiteral(", into %1").arg(file)) +
+         (note.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(note)));
 }
 
 void EventPrinter::RecordingFinished(const QString& title, const QString& how) {

@@ -33,7 +33,8 @@ public:
     void WokeUp(const QK::RecordTimeList& missed);
     void CaptureNote(const QString& text) override { Line(text); }
     void RecordingRequested() override;
-    void RecordingStarted(const QK::RecordTime& record, const QString& file) override;
+    void RecordingStarted(const QK::RecordTime& record, const QString& file,
+                          const QString& note) override;
     void RecordingFinished(const QString& title, const QString& how) override;
     void RecordsDropped(const QK::RecordTimeList& records);
     void ScheduleReloaded(bool enabled, std::size_t records);

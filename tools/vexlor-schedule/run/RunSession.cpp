@@ -10,6 +10,7 @@
 #include "platform/FixedUiSettings.h"
 #include "platform/IniSettingsManager.h"
 #include "platform/QtDurationTimer.h"
+#include "run/PowerHold.h"
 #include "run/RunTimings.h"
 #include "schedule/RunPolicy.h"
 
@@ -69,12 +70,13 @@ void RunSession::WireScheduler(std::optional<ScreenSetup> screen) {
     DesktopNotification::Presenter::Factory::GetInstance().SetCreator(
         noticeChoice == NoticeChoice::None ? presenters : noticeBoard.Watch(std::move(presenters)));
 
+    auto power = std::make_shared<PowerHold>(MakePowerManager(
+        options.keepAwake, [this](bool sleepPrevented) { printer.SleepChanged(sleepPrevented); }));
     controller = std::make_shared<CaptureController>(
-        printer, options.exec, [this] { CheckIdle(); }, std::move(screen), options.lead);
+        printer, CaptureSetup{options.exec, std::move(screen)}, [this] { CheckIdle(); },
+        options.lead, lead, [power](bool capturing) { power->SetCapturing(capturing); });
     scheduler = std::make_shared<QK::Scheduler>(
-        settings, std::make_shared<QK::FixedUiSettings>(lead.count() > 0, lead), controller,
-        MakePowerManager(options.keepAwake,
-                         [this](bool sleepPrevented) { printer.SleepChanged(sleepPrevented); }),
+        settings, std::make_shared<QK::FixedUiSettings>(lead.count() > 0, lead), controller, power,
         std::make_shared<Time::SystemClock>(), std::make_shared<Time::QtDurationTimer>());
 
     controller->Attach(*scheduler);
@@ -124,8 +126,7 @@ RunSession::~RunSession() {
 }
 
 bool RunSession::DueSoon() const {
-    // While a capture is requested or running, what begins meanwhile is dropped anyway.
-    if (!scheduler->IsEnabled() || !controller->IsIdle()) {
+    if (!scheduler->IsEnabled()) {
         return false;
     }
     const QK::RecordTimeList tasks = scheduler->GetSchedule();

@@ -14,9 +14,7 @@ namespace Vexlor::ScheduleTool {
 // made of them, so that nothing it drops stays stored.
 QK::RecordTimeList RunSession::ApplyState(const ScheduleState& state) {
     const RetryingSettingsManager::Batch batch(*storage);  // one rewrite for all of it
-    const QK::RecordTimeList schedule = controller->CurrentRecord()
-                                            ? state.schedule  // what begins now is dropped anyway
-                                            : CatchUp(state.schedule, clock.Now(), CATCH_UP_MARGIN);
+    const QK::RecordTimeList schedule = CatchUp(state.schedule, clock.Now(), CATCH_UP_MARGIN);
     drops.SetKnown(schedule);
     scheduler->SetSchedule(schedule);
     scheduler->SetEnabled(state.enabled);

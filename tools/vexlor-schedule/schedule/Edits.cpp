@@ -27,10 +27,14 @@ Time::TimePoint EndOf(const QK::RecordTime& record) {
     return Core::SaturatingAdd(record.startTime, record.duration);
 }
 
-bool Meets(const QK::RecordTime& a, const QK::RecordTime& b) {
-    QK::SchedulerHelper single;
-    single.AddRecord(a);
-    return single.DoesCaptureTimeIntersected(b);
+// A recording takes [start, start + duration); one without a planned end, its start. Spans
+// that only meet, one ending as the next begins, do not overlap.
+bool Overlaps(const QK::RecordTime& a, const QK::RecordTime& b) {
+    const auto end = [](const QK::RecordTime& r) {
+        return r.duration.count() == 0 ? Core::SaturatingAdd(r.startTime, Time::Microseconds(1))
+                                       : EndOf(r);
+    };
+    return a.startTime < end(b) && b.startTime < end(a);
 }
 
 // Why `record` cannot join `planned`, or nothing.
@@ -55,14 +59,14 @@ QString Conflict(const QK::RecordTimeList& planned, const QK::RecordTime& record
     if (allowOverlap) {
         return {};
     }
-    if (context.recording && Meets(*context.recording, record)) {
+    if (context.recording && Overlaps(*context.recording, record)) {
         return QStringLiteral(
                    "%1 overlaps %2, which is being recorded now (use --allow-overlap to "
                    "keep both)")
             .arg(DescribeRecord(record), DescribeRecord(*context.recording));
     }
     for (const QK::RecordTime& existing : planned) {
-        if (Meets(existing, record)) {
+        if (Overlaps(existing, record)) {
             return QStringLiteral("%1 overlaps %2 (use --allow-overlap to keep both)")
                 .arg(DescribeRecord(record), DescribeRecord(existing));
         }
