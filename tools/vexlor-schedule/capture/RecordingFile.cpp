@@ -1,5 +1,12 @@
 #include "capture/RecordingFile.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -10,6 +17,7 @@ namespace {
 
 // Linux's NAME_MAX.
 constexpr int LONGEST_NAME_BYTES = 255;
+constexpr int MOST_COPIES = 1000;
 
 QString SafeTitle(const QString& title) {
     QString safe;
@@ -39,6 +47,24 @@ QString CutToBytes(const QString& text, int bytes) {
     return text.left(end);
 }
 
+// rename(2) that fails with EEXIST rather than replace a file. Returns 0 or errno.
+int MoveWithoutReplacing(const QString& from, const QString& to) {
+    const QByteArray source = QFile::encodeName(from);
+    const QByteArray target = QFile::encodeName(to);
+    const int moved =
+        ::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE);
+    if (moved == 0 || (errno != EINVAL && errno != ENOSYS)) {
+        return moved == 0 ? 0 : errno;
+    }
+    // A file system without RENAME_NOREPLACE: only a file made between these two calls
+    // could be replaced.
+    struct stat taken = {};
+    if (::lstat(target.constData(), &taken) == 0) {
+        return EEXIST;
+    }
+    return ::rename(source.constData(), target.constData()) == 0 ? 0 : errno;
+}
+
 }  // namespace
 
 QString RecordingFileName(const QString& title, Time::TimePoint plannedStart, int copy) {
@@ -54,13 +80,18 @@ QString RecordingFileName(const QString& title, Time::TimePoint plannedStart, in
 }
 
 std::optional<QString> ReserveRecordingFile(const QString& folder, const QString& title,
-                                            Time::TimePoint plannedStart, QString& error) {
-    constexpr int MOST_COPIES = 1000;
+                                            Time::TimePoint plannedStart, QString& error,
+                                            FileIdentity* identity) {
     for (int copy = 1; copy <= MOST_COPIES; ++copy) {
         const QString path = QDir(folder).filePath(RecordingFileName(title, plannedStart, copy));
         QFile file(path);
         // NewOnly is O_EXCL: no race with another program creating the same name.
         if (file.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+            struct stat created = {};
+            if (identity && ::fstat(file.handle(), &created) == 0) {
+                *identity = {static_cast<unsigned long long>(created.st_dev),
+                             static_cast<unsigned long long>(created.st_ino)};
+            }
             return path;
         }
         if (!file.exists()) {
@@ -69,6 +100,45 @@ std::optional<QString> ReserveRecordingFile(const QString& folder, const QString
         }
     }
     error = QStringLiteral("%1 copies of %2 exist already")
+                .arg(MOST_COPIES)
+                .arg(RecordingFileName(title, plannedStart));
+    return std::nullopt;
+}
+
+void GiveUpReservedFile(const QString& path, FileIdentity reserved) {
+    // Only while it is the file made for the recording and empty: a file that took its
+    // place meanwhile is someone else's.
+    struct stat held = {};
+    const QByteArray name = QFile::encodeName(path);
+    if (::lstat(name.constData(), &held) == 0 && S_ISREG(held.st_mode) && held.st_size == 0 &&
+        static_cast<unsigned long long>(held.st_dev) == reserved.device &&
+        static_cast<unsigned long long>(held.st_ino) == reserved.inode) {
+        ::unlink(name.constData());
+    }
+}
+
+std::optional<QString> MoveToRecordingName(const QString& from, const QString& folder,
+                                           const QString& title, Time::TimePoint plannedStart,
+                                           const QString& reservedPath, FileIdentity reserved,
+                                           QString& error) {
+    GiveUpReservedFile(reservedPath, reserved);
+    // The reserved name first, then the names in their order.
+    for (int copy = 0; copy <= MOST_COPIES; ++copy) {
+        const QString to =
+            copy == 0 ? reservedPath
+                      : QDir(folder).filePath(RecordingFileName(title, plannedStart, copy));
+        const int failure = MoveWithoutReplacing(from, to);
+        if (failure == 0) {
+            return to;
+        }
+        if (failure != EEXIST) {
+            error = QStringLiteral("cannot rename %1 to %2: %3")
+                        .arg(from, to, QString::fromLocal8Bit(::strerror(failure)));
+            return std::nullopt;
+        }
+    }
+    error = QStringLiteral("cannot rename %1: %2 copies of %3 exist already")
+                .arg(from)
                 .arg(MOST_COPIES)
                 .arg(RecordingFileName(title, plannedStart));
     return std::nullopt;

@@ -15,10 +15,30 @@ namespace Vexlor::ScheduleTool {
 // 255 bytes.
 QString RecordingFileName(const QString& title, Time::TimePoint plannedStart, int copy = 1);
 
+// Which file a name pointed to, to tell later whether it still does.
+struct FileIdentity {
+    unsigned long long device = 0;
+    unsigned long long inode = 0;
+};
+
 // Creates the recording's file, empty, in `folder` under the first of its names that no
 // file has, so that no existing file is ever overwritten. Returns its path, or nothing with
-// `error` set to the system's reason.
+// `error` set to the system's reason. `identity`, if given, gets the file created.
 std::optional<QString> ReserveRecordingFile(const QString& folder, const QString& title,
-                                            Time::TimePoint plannedStart, QString& error);
+                                            Time::TimePoint plannedStart, QString& error,
+                                            FileIdentity* identity = nullptr);
+
+// Removes the file that ReserveRecordingFile made at `path`, while it is still that file
+// (`reserved`) and empty.
+void GiveUpReservedFile(const QString& path, FileIdentity reserved);
+
+// Gives the video at `from` the recording's name in `folder`: `reservedPath` while that is
+// still the empty file `reserved` (which gives way to it), else the first of the
+// recording's names that no file has. Never replaces a file. Returns the video's new path,
+// or nothing with `error` set and the video left where it was.
+std::optional<QString> MoveToRecordingName(const QString& from, const QString& folder,
+                                           const QString& title, Time::TimePoint plannedStart,
+                                           const QString& reservedPath, FileIdentity reserved,
+                                           QString& error);
 
 }  // namespace Vexlor::ScheduleTool

@@ -144,14 +144,21 @@ std::optional<ScreenSetup> PrepareScreenCapture(const std::optional<QString>& ou
 std::unique_ptr<ScreenRecording> ScreenRecording::Create(
     const ScreenSetup& setup, const QString& title, Time::TimePoint plannedStart,
     Time::TimePoint windowStart, std::optional<Time::TimePoint> windowEnd, QString& error) {
-    const auto path = ReserveRecordingFile(setup.folder, title, plannedStart, error);
+    FileIdentity reserved;
+    const auto path = ReserveRecordingFile(setup.folder, title, plannedStart, error, &reserved);
     if (!path) {
+        return nullptr;
+    }
+    auto pending = PendingRecording::Create(
+        setup.folder, {title, plannedStart, QFileInfo(*path).fileName(), reserved}, error);
+    if (!pending) {
+        GiveUpReservedFile(*path, reserved);
         return nullptr;
     }
     std::unique_ptr<ScreenRecording> recording(new ScreenRecording);
     recording->setup = setup;
-    recording->title = title;
     recording->path = *path;
+    recording->pending = std::move(pending);
     recording->windowStart = windowStart;
     recording->windowEnd = windowEnd;
     return recording;
@@ -164,6 +171,10 @@ CaptureProcess::Launch ScreenRecording::MakeLaunch() const {
     if (setup.audio) {
         arguments += AudioInput();
     }
+    // The title comes from a file, never from an argument: other users can read those.
+    const int metadataInput = setup.audio ? 2 : 1;
+    arguments += {QStringLiteral("-f"), QStringLiteral("ffmetadata"), QStringLiteral("-i"),
+                  QStringLiteral("file:") + pending->MetadataPath()};
     // An odd width or height is cropped by one pixel: yuv420p needs even sizes.
     arguments +=
         {QStringLiteral("-map"), QStringLiteral("0:v"), QStringLiteral("-filter:v"),
@@ -185,23 +196,25 @@ CaptureProcess::Launch ScreenRecording::MakeLaunch() const {
     }
     const QDateTime origin =
         QDateTime::fromMSecsSinceEpoch(windowStart.time_since_epoch().count() / 1000, Qt::UTC);
-    arguments +=
-        {QStringLiteral("-metadata"), QStringLiteral("title=") + title, QStringLiteral("-metadata"),
-         QStringLiteral("creation_time=") +
-             origin.toString(QStringLiteral("yyyy-MM-ddTHH:mm:ss.zzzZ")),
-         QStringLiteral("-f"), QStringLiteral("matroska"),
-         // "file:" so that no part of the name is read as a protocol.
-         QStringLiteral("file:") + path};
+    arguments += {QStringLiteral("-map_metadata"), QString::number(metadataInput),
+                  QStringLiteral("-metadata"),
+                  QStringLiteral("creation_time=") +
+                      origin.toString(QStringLiteral("yyyy-MM-ddTHH:mm:ss.zzzZ")),
+                  QStringLiteral("-f"), QStringLiteral("matroska"),
+                  // "file:" so that no part of the name is read as a protocol.
+                  QStringLiteral("file:") + pending->VideoPath()};
     // 'q' on standard input makes ffmpeg finish the file and exit 0.
     return {setup.ffmpeg, arguments, QProcessEnvironment::systemEnvironment(),
             QByteArrayLiteral("q")};
 }
 
-QString ScreenRecording::Outcome(const CaptureProcess& process) const {
-    const bool saved = QFileInfo(path).size() > 0;
-    if (!saved) {
-        QFile::remove(path);
-    }
+QString ScreenRecording::Outcome(const CaptureProcess& process) {
+    const PendingRecording::Finished finished = pending->Finish();
+    const bool saved = finished.saved;
+    path = finished.file;
+    // Kept under its neutral name, the file is named by the next run.
+    const QString where =
+        finished.error.isEmpty() ? path : QStringLiteral("%1 (%2)").arg(path, finished.error);
     if (process.FailedToStart()) {
         return QStringLiteral("ffmpeg failed to start, nothing saved to %1").arg(path);
     }
@@ -214,7 +227,7 @@ QString ScreenRecording::Outcome(const CaptureProcess& process) const {
     const bool clean =
         line.isEmpty() && (asked || (process.ExitedNormally() && process.ExitCode() == 0));
     if (clean && saved) {
-        const QString file = QStringLiteral(", saved to %1").arg(path);
+        const QString file = QStringLiteral(", saved to %1").arg(where);
         if (stopped == CaptureProcess::StopReason::Requested) {
             return QStringLiteral("stopped on request") + file;
         }
@@ -231,7 +244,7 @@ QString ScreenRecording::Outcome(const CaptureProcess& process) const {
     if (!line.isEmpty()) {
         how += QStringLiteral(": ") + line;
     }
-    return how + (saved ? QStringLiteral("; file %1").arg(path)
+    return how + (saved ? QStringLiteral("; file %1").arg(where)
                         : QStringLiteral("; nothing saved to %1").arg(path));
 }
 

@@ -6,6 +6,7 @@
 #include <QString>
 
 #include "capture/CaptureProcess.h"
+#include "capture/PendingRecording.h"
 #include "interfaces/Clock.h"
 
 namespace Vexlor::ScheduleTool {
@@ -36,26 +37,31 @@ std::optional<ScreenSetup> PrepareScreenCapture(const std::optional<QString>& ou
 // windowEnd] by ffmpeg's wall-clock frame times (x11grab stamps each frame with the time it
 // was grabbed): ffmpeg begins ahead of the window, drops what comes before it and ends at
 // its end; the file's time 0 is windowStart, which it also carries as its creation time.
+// ffmpeg writes under a neutral name and reads the title from a private file (see
+// PendingRecording); the file gets its name once ffmpeg has ended.
 class ScreenRecording {
 public:
-    // Reserves the file; nothing, with `error` set, if that fails. No windowEnd: open-ended.
+    // Reserves the file's name, with an empty file, and makes the files ffmpeg works with;
+    // nothing, with `error` set, if that fails. No windowEnd: open-ended.
     static std::unique_ptr<ScreenRecording> Create(const ScreenSetup& setup, const QString& title,
                                                    Time::TimePoint plannedStart,
                                                    Time::TimePoint windowStart,
                                                    std::optional<Time::TimePoint> windowEnd,
                                                    QString& error);
 
+    // The file's name, reserved and empty until Outcome.
     const QString& Path() const { return path; }
     CaptureProcess::Launch MakeLaunch() const;
-    // How the capture ended, for the event line; a file left empty is removed.
-    QString Outcome(const CaptureProcess& process) const;
+    // Gives the file its name, or removes it if ffmpeg left it empty, and tells how the
+    // capture ended, for the event line. Once, after ffmpeg has ended.
+    QString Outcome(const CaptureProcess& process);
 
 private:
     ScreenRecording() = default;
 
     ScreenSetup setup;
-    QString title;
     QString path;
+    std::unique_ptr<PendingRecording> pending;
     Time::TimePoint windowStart;
     std::optional<Time::TimePoint> windowEnd;
 };

@@ -4,6 +4,7 @@
 #include <QLocale>
 
 #include "base/Diagnostics.h"
+#include "capture/PendingRecording.h"
 #include "desktop/DesktopBackends.h"
 #include "desktop/ServiceManager.h"
 #include "platform/FixedServices.h"
@@ -64,6 +65,12 @@ void RunSession::LoadStored() {
 }
 
 void RunSession::WireScheduler(std::optional<ScreenSetup> screen) {
+    if (screen) {
+        // Files that a run killed during a capture left under a neutral name.
+        for (const QString& line : FinishLeftRecordings(screen->folder)) {
+            printer.Notice(line);
+        }
+    }
     const NoticeChoice noticeChoice = options.notice.value_or(DefaultNoticeChoice());
     auto presenters =
         MakePresenterCreator(noticeChoice, [this](const QString& line) { printer.Notice(line); });
