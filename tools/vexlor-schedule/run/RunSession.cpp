@@ -12,6 +12,7 @@
 #include "platform/QtDurationTimer.h"
 #include "run/RunTimings.h"
 #include "schedule/RunPolicy.h"
+#include "store/SettingsFileCheck.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -39,6 +40,7 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
 }
 
 void RunSession::LoadStored() {
+    CheckSettingsFile(path);
     storage = std::make_shared<RetryingSettingsManager>(
         std::make_shared<App::IniSettingsManager>(path), STORAGE_RETRY,
         [this](const std::optional<std::string>& failure) { OnStorage(failure); });

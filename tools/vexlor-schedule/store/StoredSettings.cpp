@@ -1,47 +1,16 @@
 #include "store/StoredSettings.h"
 
-#include <map>
 #include <memory>
 
 #include "Scheduler/SchedulerSettings.h"
 #include "platform/IniSettingsManager.h"
 #include "store/RetryingSettingsManager.h"
+#include "store/SettingsFileCheck.h"
 
 namespace Vexlor::ScheduleTool {
 
-namespace {
-
-const std::string PLANS_KEY = "Runner/plans";
-
-// Takes what is written to it and forgets nothing else: an empty settings store.
-class KeyRecorder : public QK::IApplicationSettingsManager {
-public:
-    std::map<std::string, std::vector<unsigned char>> written;
-
-    void setBool(const std::string&, bool) override {}
-    void setByteArray(const std::string& key, const std::vector<unsigned char>& value) override {
-        written[key] = value;
-    }
-    bool getBool(const std::string&, bool defaultValue) const override { return defaultValue; }
-    std::vector<unsigned char> getByteArray(
-        const std::string&, const std::vector<unsigned char>& defaultValue) const override {
-        return defaultValue;
-    }
-    bool contains(const std::string&) const override { return false; }
-    void remove(const std::string&) override {}
-};
-
-// Where the settings object keeps the schedule, as it shows by storing one: a schedule that
-// does not decode can only be replaced below it.
-std::string ScheduleKey() {
-    auto recorder = std::make_shared<KeyRecorder>();
-    QK::SchedulerSettings(recorder).SetSchedule({QK::RecordTime{}});
-    return recorder->written.size() == 1 ? recorder->written.begin()->first : std::string();
-}
-
-}  // namespace
-
 StoredSettings ReadStoredSettings(const QString& path) {
+    CheckSettingsFile(path);
     auto manager = std::make_shared<App::IniSettingsManager>(path);
     QK::SchedulerSettings settings(manager);
     StoredSettings stored;
@@ -69,7 +38,7 @@ void WriteStoredSettings(const QString& path, const StoredSettings& wanted) {
             settings.SetSchedule(wanted.schedule);
         } catch (const std::logic_error&) {
             // The old value does not decode, so the settings object cannot compare with it.
-            storage.remove(ScheduleKey());
+            storage.remove(OurKeys().schedule);
             settings.SetSchedule(wanted.schedule);
         }
         settings.SetSchedulerEnabled(wanted.enabled);
@@ -81,7 +50,7 @@ void WriteStoredSettings(const QString& path, const StoredSettings& wanted) {
 }
 
 PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path) {
-    const std::vector<unsigned char> bytes = manager.getByteArray(PLANS_KEY, {});
+    const std::vector<unsigned char> bytes = manager.getByteArray(OurKeys().plans, {});
     const auto plans = DecodePlans(
         QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
     if (!plans) {
@@ -92,16 +61,17 @@ PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path) {
 }
 
 void WritePlans(App::ISettingsManager& manager, const PlanBook& plans) {
-    const std::vector<unsigned char> old = manager.getByteArray(PLANS_KEY, {});
+    const std::vector<unsigned char> old = manager.getByteArray(OurKeys().plans, {});
     const QByteArray encoded = plans.empty() ? QByteArray() : EncodePlans(plans);
     if (QByteArray(reinterpret_cast<const char*>(old.data()), static_cast<int>(old.size())) ==
         encoded) {
         return;
     }
     if (encoded.isEmpty()) {
-        manager.remove(PLANS_KEY);
+        manager.remove(OurKeys().plans);
     } else {
-        manager.setByteArray(PLANS_KEY, std::vector<unsigned char>(encoded.begin(), encoded.end()));
+        manager.setByteArray(OurKeys().plans,
+                             std::vector<unsigned char>(encoded.begin(), encoded.end()));
     }
 }
 

@@ -23,8 +23,9 @@ public:
 };
 
 // Reads the schedule and the flag afresh from the settings file, through the library's
-// settings object. Throws UnreadableSchedule for a stored value that does not decode, and
-// std::runtime_error when the file cannot be read.
+// settings object. Throws NotASettingsFile for a file that is not one, UnreadableSchedule
+// for a stored value that does not decode, and std::runtime_error when the file cannot be
+// read.
 StoredSettings ReadStoredSettings(const QString& path);
 
 // Writes what differs from the file.
