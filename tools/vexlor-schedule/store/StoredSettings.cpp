@@ -1,6 +1,9 @@
 #include "store/StoredSettings.h"
 
+#include <algorithm>
 #include <memory>
+
+#include <QTextCodec>
 
 #include "Scheduler/SchedulerSettings.h"
 #include "platform/IniSettingsManager.h"
@@ -9,20 +12,48 @@
 
 namespace Vexlor::ScheduleTool {
 
+namespace {
+
+// A hand edit that left text where the schedule's bytes belong reads as a record count of
+// billions: name the text instead.
+std::string NotAScheduleReason(const std::vector<unsigned char>& stored, const char* decoderError) {
+    const QByteArray bytes(reinterpret_cast<const char*>(stored.data()),
+                           static_cast<int>(stored.size()));
+    QTextCodec::ConverterState state;
+    const QString text =
+        QTextCodec::codecForMib(106)->toUnicode(bytes.constData(), bytes.size(), &state);
+    const bool printable =
+        std::all_of(text.begin(), text.end(), [](QChar c) { return c.isPrint(); });
+    if (bytes.isEmpty() || state.invalidChars > 0 || state.remainingChars > 0 || !printable) {
+        return std::string(" (") + decoderError + ")";
+    }
+    constexpr int SHOWN = 40;
+    const QString shown = text.size() > SHOWN ? text.left(SHOWN) + QStringLiteral("...") : text;
+    return " but the text \"" + shown.toStdString() + "\"";
+}
+
+}  // namespace
+
+QK::RecordTimeList ReadSchedule(const QK::SchedulerSettings& settings,
+                                const App::ISettingsManager& manager, const QString& path) {
+    try {
+        return settings.GetSchedule();
+    } catch (const std::logic_error& error) {  // the decoder's; file errors are runtime errors
+        throw UnreadableSchedule(
+            "the schedule stored in " + path.toStdString() + " is not a schedule" +
+            NotAScheduleReason(manager.getByteArray(OurKeys().schedule, {}), error.what()) +
+            "; \"vexlor-schedule clear\" replaces it with an empty one");
+    }
+}
+
 StoredSettings ReadStoredSettings(const QString& path) {
     CheckSettingsFile(path);
     auto manager = std::make_shared<App::IniSettingsManager>(path);
     QK::SchedulerSettings settings(manager);
     StoredSettings stored;
     stored.enabled = settings.IsSchedulerEnabled();
-    try {
-        stored.schedule = settings.GetSchedule();
-        stored.plans = ReadPlans(*manager, path);
-    } catch (const std::logic_error& error) {  // the decoder's; file errors are runtime errors
-        throw UnreadableSchedule("the schedule stored in " + path.toStdString() +
-                                 " is unreadable (" + error.what() +
-                                 "); \"vexlor-schedule clear\" replaces it with an empty one");
-    }
+    stored.schedule = ReadSchedule(settings, *manager, path);
+    stored.plans = ReadPlans(*manager, path);
     return stored;
 }
 
