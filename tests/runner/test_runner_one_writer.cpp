@@ -169,16 +169,25 @@ TEST_F(OneWriterTest, LeadStartsTheCaptureEarlyAndItRunsToThePlannedEnd) {
     Stop(*run);
 }
 
+// Stored as bytes, and as text by a hand edit.
 TEST_F(OneWriterTest, AStoredValueThatIsNoScheduleIsReportedAndCanBeCleared) {
-    QSettings(SettingsFile(), QSettings::IniFormat)
-        .setValue("QK/Scheduler/schedule", QByteArray("\x68\x65\x6c\x6c\x6f", 5));
-    const Outcome listed = Run({"list"});
-    EXPECT_EQ(listed.exitCode, 1);
-    EXPECT_TRUE(listed.err.contains("unreadable")) << listed.err.toStdString();
-    EXPECT_EQ(Run({"run"}).exitCode, 1);
-    EXPECT_EQ(Run({"add", "New", "--in", "1h"}).exitCode, 1);
-    EXPECT_EQ(Run({"clear"}).exitCode, 0);
-    EXPECT_EQ(Run({"list"}).exitCode, 0);
+    for (const QByteArray& value : {QByteArray("@ByteArray(hello)"), QByteArray("hello")}) {
+        QFile file(SettingsFile());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly) &&
+                    file.write("[QK]\nScheduler\\schedule=" + value + "\n") > 0);
+        file.close();
+        for (const QStringList& refused : {QStringList{"list"}, QStringList{"run"}}) {
+            const Outcome outcome = Run(refused);
+            EXPECT_EQ(outcome.exitCode, 1);
+            EXPECT_TRUE(outcome.err.contains(
+                "the schedule stored in " + SettingsFile() +
+                " is not a schedule but the text \"hello\"; \"vexlor-schedule clear\" replaces it"))
+                << outcome.err.toStdString();
+        }
+        EXPECT_EQ(Run({"add", "New", "--in", "1h"}).exitCode, 1);
+        EXPECT_EQ(Run({"clear"}).exitCode, 0);
+        EXPECT_EQ(Run({"list"}).exitCode, 0);
+    }
 }
 
 TEST_F(OneWriterTest, LocksThatCannotBeMadeAreRefusedWithTheSystemsReason) {

@@ -233,14 +233,24 @@ TEST(RecordingNoteTest, ReadsBackWhatItWritesAndRefusesOtherText) {
 // Each refusal leaves the run unstarted and the schedule as it was.
 TEST_F(ScreenTest, RunThatCannotCaptureDoesNotStartAndKeepsTheSchedule) {
     Add({"Kept", "--in", "1h", "--enable"});
+    // Found in PATH, but its interpreter is not there.
+    ASSERT_TRUE(QDir().mkpath(FilePath("bin")));
+    QFile broken(FilePath("bin/ffmpeg"));
+    ASSERT_TRUE(broken.open(QIODevice::WriteOnly) && broken.write("#!/nonexistent/sh\n") > 0 &&
+                broken.setPermissions(broken.permissions() | QFileDevice::ExeOwner));
+    broken.close();
     const std::map<QString, std::optional<QString>> base = environmentChanges;
     const struct {
         QStringList arguments;
         std::map<QString, std::optional<QString>> environment;
-        const char* message;
+        QString message;
     } rows[] = {{SCREEN, {{"PATH", "/nonexistent"}}, "ffmpeg is not installed"},
                 {SCREEN, {{"DISPLAY", std::nullopt}}, "DISPLAY is not set"},
                 {SCREEN, {{"DISPLAY", ":65000"}}, "ffmpeg cannot grab display :65000"},
+                {SCREEN,
+                 {{"PATH", FilePath("bin")}},
+                 "ffmpeg failed to start: " + FilePath("bin/ffmpeg") +
+                     ": execve: No such file or directory"},
                 {{"--capture", "screen", "--output", "settings.ini"},
                  {},
                  "cannot create the output folder"}};
@@ -248,10 +258,11 @@ TEST_F(ScreenTest, RunThatCannotCaptureDoesNotStartAndKeepsTheSchedule) {
         environmentChanges = row.environment;
         environmentChanges.insert(base.begin(), base.end());  // the row's own values stay
         const Outcome run = Run(QStringList{"run", "--until-empty"} + row.arguments);
-        EXPECT_EQ(run.exitCode, 1) << row.message;
+        SCOPED_TRACE(row.message.toStdString());
+        EXPECT_EQ(run.exitCode, 1);
         EXPECT_TRUE(run.err.contains(row.message)) << run.err.toStdString();
-        EXPECT_FALSE(run.out.contains("scheduler running")) << row.message;
-        EXPECT_TRUE(Run({"list"}).out.contains("Kept")) << row.message;
+        EXPECT_FALSE(run.out.contains("scheduler running"));
+        EXPECT_TRUE(Run({"list"}).out.contains("Kept"));
     }
 }
 

@@ -10,6 +10,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <QFileInfo>
+
 #include "base/Diagnostics.h"
 
 namespace Vexlor::ScheduleTool {
@@ -125,6 +127,23 @@ void CaptureProcess::Process::setupChildProcess() {
     }
 }
 
+namespace {
+
+// Why `program` did not start, in the system's words: QProcess names only the call that
+// failed.
+QString StartFailure(const QString& program, const QString& processError) {
+    const QFileInfo file(program);
+    if (!file.exists()) {
+        return QStringLiteral("%1: %2").arg(program, QString::fromLocal8Bit(::strerror(ENOENT)));
+    }
+    if (file.isDir() || !file.isExecutable()) {
+        return QStringLiteral("%1 is not executable").arg(program);
+    }
+    return QStringLiteral("%1: %2").arg(program, processError);
+}
+
+}  // namespace
+
 CaptureProcess::CaptureProcess(std::function<void(const QString&)> onFinished)
     : onFinished(std::move(onFinished)),
       guardianFailure(
@@ -156,6 +175,13 @@ CaptureProcess::CaptureProcess(std::function<void(const QString&)> onFinished)
     QObject::connect(&process, &QProcess::errorOccurred, [this](QProcess::ProcessError error) {
         if (error == QProcess::FailedToStart) {
             failedToStart = true;
+            if (!quitInput.isEmpty()) {
+                // The runner reads this program's errors in the user's place, and its own
+                // account of the capture says only that it did not start: the reason is here.
+                Error(QStringLiteral("%1 failed to start: %2")
+                          .arg(QFileInfo(process.program()).fileName(),
+                               StartFailure(process.program(), process.errorString())));
+            }
             Finished(QStringLiteral("the command failed to start: %1").arg(process.errorString()));
         }
     });

@@ -61,6 +61,26 @@ Reader WholeNumberInto(int& target, int low, int high) {
     };
 }
 
+// The most that `upcoming` prints. Its answer is made in one piece, by the running scheduler
+// when one is active, which must not stall on it; a thousand is more than a screen or a
+// script wants.
+constexpr int MOST_UPCOMING = 1000;
+
+Reader CountInto(int& target) {
+    const Reader whole = WholeNumberInto(target, 1, std::numeric_limits<int>::max());
+    return [&target, whole](const QString& text) {
+        const int before = target;
+        const QString refusal = whole(text);
+        if (!refusal.isEmpty() || target <= MOST_UPCOMING) {
+            return refusal;
+        }
+        target = before;
+        return QStringLiteral("\"%1\" is more than %2, the most that upcoming prints")
+            .arg(text)
+            .arg(MOST_UPCOMING);
+    };
+}
+
 // Refuses an empty value, and with `blank` one of white space alone.
 Reader TextInto(std::optional<QString>& target, const QString& refusal, bool blank = false) {
     return [&target, refusal, blank](const QString& text) {
@@ -265,8 +285,9 @@ void DefineCommands(CLI::App& app, Invocation& invocation, QString& atProblem) {
         ->required();
     AddValue(app.get_subcommand("export"), "FILE.ics", {},
              "The file to write; without it, standard output.", FileInto(invocation.calendarFile));
-    AddValue(app.get_subcommand("upcoming"), "--count", "N", "How many to print (default 10).",
-             WholeNumberInto(invocation.count, 1, std::numeric_limits<int>::max()));
+    AddValue(app.get_subcommand("upcoming"), "--count", "N",
+             "How many to print (default 10, at most " + std::to_string(MOST_UPCOMING) + ").",
+             CountInto(invocation.count));
     AddValue(app.get_subcommand("remove"), "TITLE", {},
              "The record's title (-- before one that starts with -).",
              [&invocation](const QString& title) {

@@ -7,6 +7,7 @@
 #include "run/RunSession.h"
 #include "schedule/Edits.h"
 #include "store/Protocol.h"
+#include "store/SettingsFileCheck.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -73,6 +74,12 @@ LiveState RunSession::Live() const {
 
 // An edit from another process, on the schedule this process runs.
 QByteArray RunSession::HandleRequest(const EditRequest& request) {
+    try {
+        CheckSettingsFile(path);  // what a hand edit put there is neither shown nor replaced
+    } catch (const NotASettingsFile& error) {
+        return EncodeOutcome(
+            {EXIT_REFUSED, {}, QString::fromStdString(error.what()) + '\n', std::nullopt});
+    }
     const ScheduleState current = Current();
     const EditContext editContext{clock.Now(), controller->CurrentRecord(), Live()};
     EditOutcome outcome = ApplyEdit(current, request, editContext);

@@ -14,6 +14,8 @@
 #include "run/PowerHold.h"
 #include "run/RunTimings.h"
 #include "schedule/RunPolicy.h"
+#include "store/SettingsFileCheck.h"
+#include "store/StoredSettings.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -41,18 +43,13 @@ RunSession::RunSession(const ScheduleLocation& location, const RunOptions& optio
 }
 
 void RunSession::LoadStored() {
+    CheckSettingsFile(path);
     storage = std::make_shared<RetryingSettingsManager>(
         std::make_shared<App::IniSettingsManager>(path), STORAGE_RETRY,
         [this](const std::optional<std::string>& failure) { OnStorage(failure); });
     settings = std::make_shared<QK::SchedulerSettings>(storage);
-    QK::RecordTimeList stored;
-    try {
-        stored = settings->GetSchedule();
-        settings->IsSchedulerEnabled();
-    } catch (const std::logic_error& error) {  // the decoder's
-        throw std::runtime_error("the schedule stored in " + path.toStdString() +
-                                 " is unreadable (" + error.what() + ")");
-    }
+    const QK::RecordTimeList stored = ReadSchedule(*settings, *storage, path);
+    settings->IsSchedulerEnabled();  // a flag that is neither true nor false refuses the start
     // Records under way are started at once instead of being dropped by the scheduler.
     const QK::RecordTimeList caughtUp = CatchUp(stored, clock.Now(), CATCH_UP_MARGIN);
     if (caughtUp != stored) {

@@ -96,8 +96,8 @@ void RunSession::OnFileChanged() {
             readFailure.clear();
             return;
         }
-        const ScheduleState stored{settings->GetSchedule(), settings->IsSchedulerEnabled(),
-                                   ReadPlans(*storage, path)};
+        const ScheduleState stored{ReadSchedule(*settings, *storage, path),
+                                   settings->IsSchedulerEnabled(), ReadPlans(*storage, path)};
         readFailure.clear();
         printer.ScheduleReloaded(stored.enabled, stored.schedule.size());
         ApplyState(stored);

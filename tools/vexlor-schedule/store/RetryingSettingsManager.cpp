@@ -5,6 +5,8 @@
 
 #include <QTimer>
 
+#include "store/SettingsFileCheck.h"
+
 namespace Vexlor::ScheduleTool {
 
 namespace {
@@ -106,6 +108,7 @@ bool RetryingSettingsManager::Flush() {
             changes.emplace_back(key, held.at(key).value);
         }
         try {
+            CheckSettingsFile(inner->filePath());  // never written over with our keys
             inner->Apply(changes);
         } catch (const std::exception& error) {
             Report(std::string(error.what()));
@@ -127,6 +130,7 @@ bool RetryingSettingsManager::Rewrite() {
 }
 
 bool RetryingSettingsManager::Reload() {
+    CheckSettingsFile(inner->filePath());
     Snapshot fresh;
     for (const auto& [key, entry] : held) {
         fresh.emplace(key, ReadEntry(*inner, key, entry.isBool));

@@ -20,7 +20,8 @@ namespace Vexlor::ScheduleTool {
 // For the one process that owns some settings: holds them in memory and writes every change
 // through to the settings file, all changes made within one Batch in one rewrite. A write that
 // fails never throws: the change stays in memory, is reported, and is retried until it lands, so
-// the owner keeps working from what it was told while storage is gone or full.
+// the owner keeps working from what it was told while storage is gone or full, or while the
+// file is not a settings file (CheckSettingsFile), which is never written over.
 //
 // A key is read from the inner manager the first time it is asked for (failures of that
 // first read do throw) and from memory afterwards. Reload() takes what others wrote to
@@ -81,9 +82,10 @@ public:
     };
     using Snapshot = std::map<std::string, Entry>;
 
-    // Re-reads the keys held from the inner manager, all or nothing: when a read throws, what
-    // is held stays as it was and the exception passes on. Returns whether anything changed.
-    // Meant for when nothing is pending; pending changes would be overwritten.
+    // Re-reads the keys held from the inner manager, all or nothing: when a read throws, or the
+    // file is not a settings file, what is held stays as it was and the exception passes on.
+    // Returns whether anything changed. Meant for when nothing is pending; pending changes
+    // would be overwritten.
     bool Reload();
     Snapshot Hold() const { return held; }
     void Restore(Snapshot snapshot) { held = std::move(snapshot); }

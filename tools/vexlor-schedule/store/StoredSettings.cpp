@@ -1,59 +1,59 @@
 #include "store/StoredSettings.h"
 
-#include <map>
+#include <algorithm>
 #include <memory>
+
+#include <QTextCodec>
 
 #include "Scheduler/SchedulerSettings.h"
 #include "platform/IniSettingsManager.h"
 #include "store/RetryingSettingsManager.h"
+#include "store/SettingsFileCheck.h"
 
 namespace Vexlor::ScheduleTool {
 
 namespace {
 
-const std::string PLANS_KEY = "Runner/plans";
-
-// Takes what is written to it and forgets nothing else: an empty settings store.
-class KeyRecorder : public QK::IApplicationSettingsManager {
-public:
-    std::map<std::string, std::vector<unsigned char>> written;
-
-    void setBool(const std::string&, bool) override {}
-    void setByteArray(const std::string& key, const std::vector<unsigned char>& value) override {
-        written[key] = value;
+// A hand edit that left text where the schedule's bytes belong reads as a record count of
+// billions: name the text instead.
+std::string NotAScheduleReason(const std::vector<unsigned char>& stored, const char* decoderError) {
+    const QByteArray bytes(reinterpret_cast<const char*>(stored.data()),
+                           static_cast<int>(stored.size()));
+    QTextCodec::ConverterState state;
+    const QString text =
+        QTextCodec::codecForMib(106)->toUnicode(bytes.constData(), bytes.size(), &state);
+    const bool printable =
+        std::all_of(text.begin(), text.end(), [](QChar c) { return c.isPrint(); });
+    if (bytes.isEmpty() || state.invalidChars > 0 || state.remainingChars > 0 || !printable) {
+        return std::string(" (") + decoderError + ")";
     }
-    bool getBool(const std::string&, bool defaultValue) const override { return defaultValue; }
-    std::vector<unsigned char> getByteArray(
-        const std::string&, const std::vector<unsigned char>& defaultValue) const override {
-        return defaultValue;
-    }
-    bool contains(const std::string&) const override { return false; }
-    void remove(const std::string&) override {}
-};
-
-// Where the settings object keeps the schedule, as it shows by storing one: a schedule that
-// does not decode can only be replaced below it.
-std::string ScheduleKey() {
-    auto recorder = std::make_shared<KeyRecorder>();
-    QK::SchedulerSettings(recorder).SetSchedule({QK::RecordTime{}});
-    return recorder->written.size() == 1 ? recorder->written.begin()->first : std::string();
+    constexpr int SHOWN = 40;
+    const QString shown = text.size() > SHOWN ? text.left(SHOWN) + QStringLiteral("...") : text;
+    return " but the text \"" + shown.toStdString() + "\"";
 }
 
 }  // namespace
 
+QK::RecordTimeList ReadSchedule(const QK::SchedulerSettings& settings,
+                                const App::ISettingsManager& manager, const QString& path) {
+    try {
+        return settings.GetSchedule();
+    } catch (const std::logic_error& error) {  // the decoder's; file errors are runtime errors
+        throw UnreadableSchedule(
+            "the schedule stored in " + path.toStdString() + " is not a schedule" +
+            NotAScheduleReason(manager.getByteArray(OurKeys().schedule, {}), error.what()) +
+            "; \"vexlor-schedule clear\" replaces it with an empty one");
+    }
+}
+
 StoredSettings ReadStoredSettings(const QString& path) {
+    CheckSettingsFile(path);
     auto manager = std::make_shared<App::IniSettingsManager>(path);
     QK::SchedulerSettings settings(manager);
     StoredSettings stored;
     stored.enabled = settings.IsSchedulerEnabled();
-    try {
-        stored.schedule = settings.GetSchedule();
-        stored.plans = ReadPlans(*manager, path);
-    } catch (const std::logic_error& error) {  // the decoder's; file errors are runtime errors
-        throw UnreadableSchedule("the schedule stored in " + path.toStdString() +
-                                 " is unreadable (" + error.what() +
-                                 "); \"vexlor-schedule clear\" replaces it with an empty one");
-    }
+    stored.schedule = ReadSchedule(settings, *manager, path);
+    stored.plans = ReadPlans(*manager, path);
     return stored;
 }
 
@@ -69,7 +69,7 @@ void WriteStoredSettings(const QString& path, const StoredSettings& wanted) {
             settings.SetSchedule(wanted.schedule);
         } catch (const std::logic_error&) {
             // The old value does not decode, so the settings object cannot compare with it.
-            storage.remove(ScheduleKey());
+            storage.remove(OurKeys().schedule);
             settings.SetSchedule(wanted.schedule);
         }
         settings.SetSchedulerEnabled(wanted.enabled);
@@ -81,7 +81,7 @@ void WriteStoredSettings(const QString& path, const StoredSettings& wanted) {
 }
 
 PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path) {
-    const std::vector<unsigned char> bytes = manager.getByteArray(PLANS_KEY, {});
+    const std::vector<unsigned char> bytes = manager.getByteArray(OurKeys().plans, {});
     const auto plans = DecodePlans(
         QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
     if (!plans) {
@@ -92,16 +92,17 @@ PlanBook ReadPlans(const App::ISettingsManager& manager, const QString& path) {
 }
 
 void WritePlans(App::ISettingsManager& manager, const PlanBook& plans) {
-    const std::vector<unsigned char> old = manager.getByteArray(PLANS_KEY, {});
+    const std::vector<unsigned char> old = manager.getByteArray(OurKeys().plans, {});
     const QByteArray encoded = plans.empty() ? QByteArray() : EncodePlans(plans);
     if (QByteArray(reinterpret_cast<const char*>(old.data()), static_cast<int>(old.size())) ==
         encoded) {
         return;
     }
     if (encoded.isEmpty()) {
-        manager.remove(PLANS_KEY);
+        manager.remove(OurKeys().plans);
     } else {
-        manager.setByteArray(PLANS_KEY, std::vector<unsigned char>(encoded.begin(), encoded.end()));
+        manager.setByteArray(OurKeys().plans,
+                             std::vector<unsigned char>(encoded.begin(), encoded.end()));
     }
 }
 

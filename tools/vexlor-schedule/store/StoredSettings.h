@@ -8,6 +8,10 @@
 #include "interfaces/SettingsManager.h"
 #include "plans/Plan.h"
 
+namespace Vexlor::QK {
+class SchedulerSettings;
+}
+
 namespace Vexlor::ScheduleTool {
 
 struct StoredSettings {
@@ -22,9 +26,15 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// The schedule that `settings` read through `manager` from the file at `path`. Throws
+// UnreadableSchedule, saying what is stored instead, for a value that is not a schedule.
+QK::RecordTimeList ReadSchedule(const QK::SchedulerSettings& settings,
+                                const App::ISettingsManager& manager, const QString& path);
+
 // Reads the schedule and the flag afresh from the settings file, through the library's
-// settings object. Throws UnreadableSchedule for a stored value that does not decode, and
-// std::runtime_error when the file cannot be read.
+// settings object. Throws NotASettingsFile for a file that is not one, UnreadableSchedule
+// for a stored value that does not decode, and std::runtime_error when the file cannot be
+// read.
 StoredSettings ReadStoredSettings(const QString& path);
 
 // Writes what differs from the file.
