@@ -156,6 +156,12 @@ int RemoveGone(ImportResult& result, const QString& source, const std::set<QStri
 
 }  // namespace
 
+QString CalendarTooLarge() {
+    return QStringLiteral("the file holds more than %1 MiB (%2 bytes), the most that import takes")
+        .arg(MAX_CALENDAR_BYTES >> 20)
+        .arg(MAX_CALENDAR_BYTES);
+}
+
 ImportResult ImportCalendar(const QK::RecordTimeList& schedule, const PlanBook& book,
                             const QByteArray& text, const QString& source, Time::TimePoint now) {
     ImportResult result{{}, schedule, book, {}, false};

@@ -11,9 +11,11 @@
 #include <KCalendarCore/RecurrenceRule>
 #include <QTimeZone>
 
+#include "base/TitleRule.h"
 #include "base/WallTime.h"
 #include "plans/CalendarProperties.h"
 #include "plans/CalendarScan.h"
+#include "plans/Occurrences.h"
 #include "plans/Rules.h"
 
 namespace Vexlor::ScheduleTool::Ics {
@@ -136,6 +138,13 @@ bool EventReader::ReadStart() {
 
 bool EventReader::CheckContent() {
     title_ = event_->summary().trimmed();
+    // As `add` checks it; before any line that quotes the title.
+    const int appended = Has(scanned_, "RRULE") ? OCCURRENCE_STAMP_BYTES : 0;
+    if (!title_.isEmpty()) {
+        if (const QString problem = TitleProblem(title_, appended); !problem.isEmpty()) {
+            return Skip(QStringLiteral("skipped %1: %2").arg(where_, problem));
+        }
+    }
     if (event_->allDay()) {
         return Skip(
             QStringLiteral("skipped %1 (\"%2\"): it has no time of day").arg(where_, title_));

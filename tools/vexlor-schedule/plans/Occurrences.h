@@ -18,6 +18,8 @@ std::vector<Time::TimePoint> Occurrences(const Plan& plan, Time::TimePoint after
 // "Standup (2030-01-31 10:00)": unique within a plan, as its occurrences start at distinct
 // times of its clock.
 QString OccurrenceTitle(const Plan& plan, Time::TimePoint start);
+// The most bytes that OccurrenceTitle adds to the plan's title: " (2030-01-31 10:00:00)".
+constexpr int OCCURRENCE_STAMP_BYTES = 22;
 bool IsOccurrenceOf(const Plan& plan, const QString& title);
 
 // The plan's occurrence records as they go into the schedule.

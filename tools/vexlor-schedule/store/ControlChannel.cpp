@@ -13,12 +13,16 @@
 #include <QLocalSocket>
 #include <QPointer>
 
+#include "plans/Calendar.h"
+
 namespace Vexlor::ScheduleTool {
 
 namespace {
 
-// A title may be up to 128 KiB; anything far beyond is not a request of ours.
-constexpr qint64 MAX_LINE = 1 << 20;
+// The longest request is an import: the calendar in base64 (4 bytes for 3). Beside it, or a
+// title of up to 128 KiB, the rest of a request is far under 1 MiB; anything beyond is not
+// a request of ours.
+constexpr qint64 MAX_LINE = (MAX_CALENDAR_BYTES + 2) / 3 * 4 + (1 << 20);
 
 // A socket's path goes into sockaddr_un's sun_path, NUL included.
 constexpr int MAX_SOCKET_PATH = sizeof(sockaddr_un::sun_path) - 1;
