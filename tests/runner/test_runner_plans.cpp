@@ -253,6 +253,34 @@ QByteArray CalendarOf(const QList<QByteArray>& events) {
     return text + "END:VCALENDAR\r\n";
 }
 
+// What an updated event leaves is free for the events after it in the same file: its title,
+// its start, and a plan's title and the titles and starts of its recordings.
+TEST(ImportTest, AnUpdatedEventFreesWhatItHeldForTheEventsAfterIt) {
+    const TimePoint now = At("2030-01-06T00:00:00Z");
+    const ImportResult first = ImportCalendar(
+        {}, {},
+        CalendarOf({Event("a", "Talk", "20300110T100000Z"),
+                    Event("p", "Standup", "20300107T090000Z", "RRULE:FREQ=DAILY\r\n")}),
+        "/cal.ics", now);
+    ASSERT_EQ(first.schedule.size(), 8u) << first.lines.join('\n').toStdString();
+
+    const ImportResult second = ImportCalendar(
+        first.schedule, first.book,
+        CalendarOf({Event("a", "Chat", "20300110T110000Z"), Event("b", "Talk", "20300110T100000Z"),
+                    Event("p", "Standup", "20300107T093000Z"),
+                    Event("c", "Standup (2030-01-08 09:00)", "20300108T090000Z")}),
+        "/cal.ics", now);
+    EXPECT_EQ(second.lines.front().toStdString(),
+              "imported /cal.ics: 2 added, 2 updated, 0 removed, 0 unchanged");
+    const Microseconds none(0);
+    EXPECT_EQ(second.schedule,
+              (QK::RecordTimeList{{"Standup", At("2030-01-07T09:30:00Z"), none},
+                                  {"Standup (2030-01-08 09:00)", At("2030-01-08T09:00:00Z"), none},
+                                  {"Talk", At("2030-01-10T10:00:00Z"), none},
+                                  {"Chat", At("2030-01-10T11:00:00Z"), none}}));
+    EXPECT_TRUE(second.book.plans.empty());
+}
+
 // As `add` holds them: a title fits the capture command's environment, a plan's with room
 // for the stamp its recordings add; one byte either side of each line.
 TEST(ImportTest, TakesTitlesAsAddDoesAndNoCalendarOverTheLimit) {

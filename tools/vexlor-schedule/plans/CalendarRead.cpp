@@ -168,8 +168,9 @@ bool EventReader::CheckContent() {
 // The event is kept without what it holds that is not carried out; the line says what.
 void EventReader::NoteLeftOut(const KCalendarCore::Recurrence& recurrence) {
     QStringList unused;
+    std::set<QString> named;  // a hostile event may hold many thousand names
     for (const Property& property : scanned_.properties) {
-        if (!USED.count(property.name) && !unused.contains(property.name)) {
+        if (!USED.count(property.name) && named.insert(property.name).second) {
             unused << property.name;
         }
     }

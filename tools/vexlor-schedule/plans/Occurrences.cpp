@@ -42,10 +42,20 @@ QString OccurrenceTitle(const Plan& plan, Time::TimePoint start) {
     return QStringLiteral("%1 (%2)").arg(plan.title, wall.toString(format));
 }
 
-bool IsOccurrenceOf(const Plan& plan, const QString& title) {
+std::optional<QString> OccurrenceOf(const QString& title) {
     static const QRegularExpression stamp(
         QStringLiteral("^ \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d(:\\d\\d)?\\)$"));
-    return title.startsWith(plan.title) && stamp.match(title.mid(plan.title.size())).hasMatch();
+    // The stamp holds " (" only at its start, so only the last " (" can begin it.
+    const int at = title.lastIndexOf(QStringLiteral(" ("));
+    if (at < 0 || !stamp.match(title.midRef(at)).hasMatch()) {
+        return std::nullopt;
+    }
+    return title.left(at);
+}
+
+bool IsOccurrenceOf(const Plan& plan, const QString& title) {
+    const auto of = OccurrenceOf(title);
+    return of && *of == plan.title;
 }
 
 QK::RecordTime OccurrenceRecord(const Plan& plan, Time::TimePoint start) {

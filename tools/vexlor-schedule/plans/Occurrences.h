@@ -21,6 +21,9 @@ QString OccurrenceTitle(const Plan& plan, Time::TimePoint start);
 // The most bytes that OccurrenceTitle adds to the plan's title: " (2030-01-31 10:00:00)".
 constexpr int OCCURRENCE_STAMP_BYTES = 22;
 bool IsOccurrenceOf(const Plan& plan, const QString& title);
+// The title of the plans that `title` would be an occurrence of ("Standup"), if any: a key
+// that finds a plan's occurrences without trying every plan.
+std::optional<QString> OccurrenceOf(const QString& title);
 
 // The plan's occurrence records as they go into the schedule.
 QK::RecordTime OccurrenceRecord(const Plan& plan, Time::TimePoint start);
