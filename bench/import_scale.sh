@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Times `import` on generated calendars of N events (default 5000, 20000 and 100000):
-# the built program end to end into a new settings file, then in process without the
-# program's file size limit, one-off events alone and with every tenth a weekly plan.
+# Times `import` on generated calendars of N events (default 5000, 20000 and 100000): the
+# built program end to end into a new settings file, with `list`, `status` and `export` on
+# what it imported; then the import in process, without the program's file size limit. Each
+# with one-off events alone, and with every tenth event a weekly plan.
 #
 #   bench/import_scale.sh BUILD_DIR [N...]
 set -euo pipefail
@@ -14,15 +15,26 @@ generate="$build/bench/import_calendar"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 
-echo "the program, end to end (a run of \`import\` on a new settings file):"
-for n in "${sizes[@]}"; do
-  "$generate" --write "$work/calendar.ics" "$n"
-  rm -f "$work/settings.ini"
+# Runs the program on the settings file in $work; prints the seconds it took.
+timed() {
+  local start end
   start=$(date +%s%N)
-  outcome=$("$program" --settings "$work/settings.ini" import "$work/calendar.ics" 2>&1 | head -1 || true)
+  "$program" --settings "$work/settings.ini" "$@" > "$work/out" 2>&1 || true
   end=$(date +%s%N)
-  printf '%8d events %9d bytes %8.2fs  %s\n' "$n" "$(stat -c %s "$work/calendar.ics")" \
-    "$(awk -v ns=$((end - start)) 'BEGIN { print ns / 1e9 }')" "${outcome:0:90}"
+  awk -v ns=$((end - start)) 'BEGIN { printf "%.2fs", ns / 1e9 }'
+}
+
+for variant in "" --plans; do
+  echo "the program, end to end${variant:+, every tenth event a weekly plan}:"
+  printf '%8s %9s %8s %8s %8s %8s  %s\n' events bytes import list status export "import says"
+  for n in "${sizes[@]}"; do
+    "$generate" $variant --write "$work/calendar.ics" "$n"
+    rm -f "$work/settings.ini"
+    import=$(timed import "$work/calendar.ics")
+    said=$(head -n 1 "$work/out" | sed "s|$work/||" | cut -c 1-70)
+    printf '%8d %9d %8s %8s %8s %8s  %s\n' "$n" "$(stat -c %s "$work/calendar.ics")" "$import" \
+      "$(timed list)" "$(timed status)" "$(timed export)" "$said"
+  done
 done
 echo "in process, one-off events:"
 "$generate" "${sizes[@]}"

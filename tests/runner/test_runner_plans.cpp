@@ -205,6 +205,7 @@ const char CALENDAR[] =
     "END:VEVENT\r\nEND:VCALENDAR\r\n";
 
 TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
+    ZoneGuard tz("Europe/Berlin");
     const QString source = QStringLiteral("/cal.ics");
     const TimePoint now = At("2030-01-06T00:00:00Z");
     const ImportResult first = ImportCalendar({}, {}, CALENDAR, source, now);
@@ -221,6 +222,22 @@ TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
                             {"Meeting (2030-01-21 10:00)", At("2030-01-21T09:00:00Z"), meeting}}));
 
     EXPECT_FALSE(ImportCalendar(first.schedule, first.book, CALENDAR, source, now).changed);
+
+    // The plan's recordings are told apart as its own by `status`, `list` and `export`.
+    const auto report = [&first, now](CommandName command) {
+        EditRequest request;
+        request.command = command;
+        return ApplyEdit({first.schedule, true, first.book}, request,
+                         {now, std::nullopt, std::nullopt})
+            .out.toStdString();
+    };
+    EXPECT_THAT(report(CommandName::Status),
+                HasSubstr("planned: 3 recording(s) (2 of them from plans), 1 plan(s)"));
+    EXPECT_THAT(report(CommandName::List),
+                AllOf(HasSubstr("plan \"Meeting\""), HasSubstr("next 2030-01-07 10:00:00")));
+    const QString exported = QString::fromStdString(report(CommandName::Export));
+    EXPECT_EQ(exported.count("BEGIN:VEVENT"), 2) << exported.toStdString();
+    EXPECT_TRUE(exported.contains("UID:talk")) << exported.toStdString();
 
     // The talk moves, the meeting is gone, a review is new.
     QByteArray updated = CALENDAR;

@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include <QHash>
 #include <QString>
 
 #include "interfaces/RecordTime.h"
@@ -28,7 +29,12 @@ std::optional<QString> OccurrenceOf(const QString& title);
 // The plan's occurrence records as they go into the schedule.
 QK::RecordTime OccurrenceRecord(const Plan& plan, Time::TimePoint start);
 
-// The next occurrence of the plan that runs, in the schedule or still to be placed.
-std::optional<Time::TimePoint> NextOccurrence(const Plan& plan, const QK::RecordTimeList& schedule);
+// The first start of the recordings of each plan in the schedule, by the plan's title.
+QHash<QString, Time::TimePoint> FirstOccurrences(const QK::RecordTimeList& schedule);
+
+// The next occurrence of the plan that runs, in the schedule (`first`, as FirstOccurrences
+// gives it) or still to be placed.
+std::optional<Time::TimePoint> NextOccurrence(const Plan& plan,
+                                              const QHash<QString, Time::TimePoint>& first);
 
 }  // namespace Vexlor::ScheduleTool
