@@ -191,7 +191,7 @@ TEST_F(OneWriterTest, AStoredValueThatIsNoScheduleIsReportedAndCanBeCleared) {
 }
 
 TEST_F(OneWriterTest, LocksThatCannotBeMadeAreRefusedWithTheSystemsReason) {
-    if (!MountTmpfs("runtime", MS_RDONLY, "size=16k")) {
+    if (!MountTmpfs("runtime", MS_RDONLY, "size=16k,mode=0700")) {
         GTEST_SKIP() << "cannot mount a read-only tmpfs here (" << std::strerror(errno) << ")";
     }
     environmentChanges["XDG_RUNTIME_DIR"] = FilePath("runtime");

@@ -5,6 +5,7 @@
 #include <QTimeZone>
 
 #include "RunnerHarness.h"
+#include "base/TitleRule.h"
 #include "base/WallTime.h"
 #include "plans/Calendar.h"
 #include "plans/Occurrences.h"
@@ -207,6 +208,7 @@ const char CALENDAR[] =
     "END:VEVENT\r\nEND:VCALENDAR\r\n";
 
 TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
+    ZoneGuard tz("Europe/Berlin");
     const QString source = QStringLiteral("/cal.ics");
     const TimePoint now = At("2030-01-06T00:00:00Z");
     const ImportResult first = ImportCalendar({}, {}, CALENDAR, source, now);
@@ -224,6 +226,22 @@ TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
 
     EXPECT_FALSE(ImportCalendar(first.schedule, first.book, CALENDAR, source, now).changed);
 
+    // The plan's recordings are told apart as its own by `status`, `list` and `export`.
+    const auto report = [&first, now](CommandName command) {
+        EditRequest request;
+        request.command = command;
+        return ApplyEdit({first.schedule, true, first.book}, request,
+                         {now, std::nullopt, std::nullopt})
+            .out.toStdString();
+    };
+    EXPECT_THAT(report(CommandName::Status),
+                HasSubstr("planned: 3 recording(s) (2 of them from plans), 1 plan(s)"));
+    EXPECT_THAT(report(CommandName::List),
+                AllOf(HasSubstr("plan \"Meeting\""), HasSubstr("next 2030-01-07 10:00:00")));
+    const QString exported = QString::fromStdString(report(CommandName::Export));
+    EXPECT_EQ(exported.count("BEGIN:VEVENT"), 2) << exported.toStdString();
+    EXPECT_TRUE(exported.contains("UID:talk")) << exported.toStdString();
+
     // The talk moves, the meeting is gone, a review is new.
     QByteArray updated = CALENDAR;
     const int cut = updated.indexOf("BEGIN:VEVENT\r\nUID:meeting");
@@ -239,6 +257,81 @@ TEST(ImportTest, TakesEventsAndFollowsTheirUpdatesByUid) {
                                                    {"Review", At("2030-01-11T09:00:00Z"), hour}}));
     EXPECT_TRUE(second.book.plans.empty());
     EXPECT_NE(second.lines.front().indexOf("1 added, 1 updated, 1 removed"), -1);
+}
+
+QByteArray Event(const char* uid, const QByteArray& title, const char* start,
+                 const char* more = "") {
+    return QByteArray("BEGIN:VEVENT\r\nUID:") + uid + "\r\nSUMMARY:" + title +
+           "\r\nDTSTART:" + start + "\r\n" + more + "END:VEVENT\r\n";
+}
+
+QByteArray CalendarOf(const QList<QByteArray>& events) {
+    QByteArray text = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\n";
+    for (const QByteArray& event : events) {
+        text += event;
+    }
+    return text + "END:VCALENDAR\r\n";
+}
+
+// What an updated event leaves is free for the events after it in the same file: its title,
+// its start, and a plan's title and the titles and starts of its recordings.
+TEST(ImportTest, AnUpdatedEventFreesWhatItHeldForTheEventsAfterIt) {
+    const TimePoint now = At("2030-01-06T00:00:00Z");
+    const ImportResult first = ImportCalendar(
+        {}, {},
+        CalendarOf({Event("a", "Talk", "20300110T100000Z"),
+                    Event("p", "Standup", "20300107T090000Z", "RRULE:FREQ=DAILY\r\n")}),
+        "/cal.ics", now);
+    ASSERT_EQ(first.schedule.size(), 8u) << first.lines.join('\n').toStdString();
+
+    const ImportResult second = ImportCalendar(
+        first.schedule, first.book,
+        CalendarOf({Event("a", "Chat", "20300110T110000Z"), Event("b", "Talk", "20300110T100000Z"),
+                    Event("p", "Standup", "20300107T093000Z"),
+                    Event("c", "Standup (2030-01-08 09:00)", "20300108T090000Z")}),
+        "/cal.ics", now);
+    EXPECT_EQ(second.lines.front().toStdString(),
+              "imported /cal.ics: 2 added, 2 updated, 0 removed, 0 unchanged");
+    const Microseconds none(0);
+    EXPECT_EQ(second.schedule,
+              (QK::RecordTimeList{{"Standup", At("2030-01-07T09:30:00Z"), none},
+                                  {"Standup (2030-01-08 09:00)", At("2030-01-08T09:00:00Z"), none},
+                                  {"Talk", At("2030-01-10T10:00:00Z"), none},
+                                  {"Chat", At("2030-01-10T11:00:00Z"), none}}));
+    EXPECT_TRUE(second.book.plans.empty());
+}
+
+// As `add` holds them: a title fits the capture command's environment, a plan's with room
+// for the stamp its recordings add; one byte either side of each line.
+TEST(ImportTest, TakesTitlesAsAddDoesAndNoCalendarOverTheLimit) {
+    const int most = static_cast<int>(MaxTitleBytes());
+    const int planMost = most - OCCURRENCE_STAMP_BYTES;
+    const char* daily = "RRULE:FREQ=DAILY\r\n";
+    const auto title = [](int size, char last) { return QByteArray(size - 1, 'x') + last; };
+    const ImportResult result = ImportCalendar(
+        {}, {},
+        CalendarOf({Event("1", title(most, '1'), "20300101T100000Z"),
+                    Event("2", title(most + 1, '2'), "20300102T100000Z"),
+                    Event("3", title(planMost, '3'), "20300103T100000Z", daily),
+                    Event("4", title(planMost + 1, '4'), "20300104T100000Z", daily)}),
+        "/titles.ics", At("2030-01-01T00:00:00Z"));
+    ASSERT_TRUE(result.error.isEmpty()) << result.error.toStdString();
+    EXPECT_EQ(result.lines.filter("title is too long").size(), 2)
+        << result.lines.join('\n').left(2000).toStdString();
+    ASSERT_EQ(result.book.plans.size(), 1u);
+    EXPECT_TRUE(result.book.plans.front().title.endsWith('3'));
+    ASSERT_EQ(result.book.imported.size(), 1u);
+    EXPECT_TRUE(result.book.imported.front().record.title.endsWith('1'));
+
+    // Refused whole, before it is read.
+    EditRequest import;
+    import.command = CommandName::Import;
+    import.source = QStringLiteral("/big.ics");
+    import.calendar = QByteArray(MAX_CALENDAR_BYTES + 1, '\n');
+    const EditOutcome refused = ApplyEdit({}, import, {TimePoint(), std::nullopt, std::nullopt});
+    EXPECT_EQ(refused.exitCode, EXIT_REFUSED);
+    EXPECT_FALSE(refused.changed);
+    EXPECT_THAT(refused.err.toStdString(), HasSubstr("/big.ics: the file holds more than 4 MiB"));
 }
 
 // The second 02:30 of a fold is written so that it is not read back as the first.
@@ -298,6 +391,42 @@ TEST_F(RunnerTest, ImportingAgainOrAMalformedFileLeavesTheSettingsAsTheyWere) {
         EXPECT_TRUE(malformed.err.contains("line 4")) << malformed.err.toStdString();
         EXPECT_EQ(ReadFile("settings.ini"), imported);
     }
+}
+
+// With a run active the calendar goes to it over the control socket; a file over the limit,
+// a device that never ends or a large sparse file is refused before it is read further.
+TEST_F(RunnerTest, ACalendarUpToTheLimitGoesThroughARunAndNoByteMore) {
+    using Vexlor::ScheduleTool::MAX_CALENDAR_BYTES;
+    auto run = Start({"run"});
+    ASSERT_TRUE(WaitForOutput(*run, "scheduler running", 10000));
+    const QByteArray talk = "UID:talk\r\n";
+    const QByteArray note = "NOTE:\r\n";
+    QByteArray full = Vexlor::ScheduleTool::CALENDAR;
+    full.insert(
+        full.indexOf(talk) + talk.size(),
+        note.left(5) + QByteArray(MAX_CALENDAR_BYTES - full.size() - note.size(), 'n') + "\r\n");
+    ASSERT_EQ(full.size(), MAX_CALENDAR_BYTES);
+    QFile calendar(FilePath("full.ics"));
+    ASSERT_TRUE(calendar.open(QIODevice::WriteOnly) && calendar.write(full) == full.size());
+    calendar.close();
+    const Outcome taken = Run({"import", FilePath("full.ics")});
+    EXPECT_EQ(taken.exitCode, 0) << taken.err.toStdString();
+    EXPECT_TRUE(taken.out.contains("2 added")) << taken.out.left(300).toStdString();
+    const QString listed = Run({"list"}).out;
+
+    ASSERT_TRUE(calendar.open(QIODevice::Append) && calendar.write("\n") == 1);
+    calendar.close();
+    QFile sparse(FilePath("sparse.ics"));
+    ASSERT_TRUE(sparse.open(QIODevice::WriteOnly) && sparse.resize(1LL << 30));
+    for (const QString& file :
+         {FilePath("full.ics"), FilePath("sparse.ics"), QStringLiteral("/dev/zero")}) {
+        const Outcome refused = Run({"import", file}, 5000);
+        EXPECT_EQ(refused.exitCode, 1) << file.toStdString();
+        EXPECT_TRUE(refused.err.contains(file + ": the file holds more than 4 MiB (4194304 bytes)"))
+            << refused.err.left(300).toStdString();
+    }
+    EXPECT_EQ(Run({"list"}).out, listed);
+    Stop(*run);
 }
 
 }  // namespace

@@ -286,6 +286,13 @@ TEST(TitleLengthTest, TitleMustFitTheCaptureCommandsEnvironment) {
                 HasSubstr("at most " + std::to_string(limit) + " bytes for VEXLOR_TITLE"));
     // Counted in UTF-8 bytes, not characters.
     EXPECT_FALSE(add(QString(room / 2 + 1, QChar(0xE9)).toUtf8()).invocation);
+    // A plan's recordings add " (2030-01-31 10:00:00)" to its title.
+    const auto plan = [](int size) {
+        return ParseCommandLine({"add", QByteArray(size, 'x'), "--in", "1h", "--repeat", "daily"});
+    };
+    EXPECT_TRUE(plan(room - 22).invocation);
+    EXPECT_THAT(plan(room - 21).error.toStdString(),
+                HasSubstr("at most " + std::to_string(room - 22)));
 
     // The system draws the line where the check does.
     for (const int size : {room, room + 1}) {

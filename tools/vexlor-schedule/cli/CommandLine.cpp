@@ -3,8 +3,10 @@
 #include <string>
 #include <vector>
 
+#include "base/TitleRule.h"
 #include "cli/Arguments.h"
 #include "cli/Grammar.h"
+#include "plans/Occurrences.h"
 
 namespace Vexlor::ScheduleTool {
 
@@ -42,6 +44,13 @@ ParseResult Checked(const CLI::App& app, Invocation invocation, const QString& a
     }
     if (invocation.command == CommandName::Add && !invocation.add.repeat && !atProblem.isEmpty()) {
         return {std::nullopt, atProblem};
+    }
+    if (invocation.command == CommandName::Add && invocation.add.repeat) {
+        // Each recording of a plan carries its start after the title.
+        const QString problem = TitleProblem(invocation.add.title, OCCURRENCE_STAMP_BYTES);
+        if (!problem.isEmpty()) {
+            return {std::nullopt, QStringLiteral("TITLE: ") + problem};
+        }
     }
     const RunOptions& run = invocation.run;
     if (invocation.command == CommandName::Run && (run.outputDir || run.audio) &&

@@ -11,6 +11,7 @@
 #include "base/Diagnostics.h"
 #include "cli/CompleteCommand.h"
 #include "cli/Requests.h"
+#include "plans/Calendar.h"
 #include "run/RunCommand.h"
 #include "store/EditClient.h"
 #include "store/SettingsPath.h"
@@ -44,6 +45,20 @@ int PrintTo(const QString& file, EditOutcome outcome) {
     return Print(outcome);
 }
 
+// Up to one byte more than a calendar may hold, whatever the file is (a device, a pipe, a
+// sparse file), so that one over the limit is told at once; false on a read error.
+bool ReadAtMost(QFile& file, QByteArray& bytes) {
+    bytes.clear();
+    while (bytes.size() <= MAX_CALENDAR_BYTES) {
+        const QByteArray chunk = file.read(MAX_CALENDAR_BYTES + 1 - bytes.size());
+        if (chunk.isEmpty()) {
+            return file.error() == QFileDevice::NoError;
+        }
+        bytes += chunk;
+    }
+    return true;
+}
+
 }  // namespace
 
 int Execute(const Invocation& invocation) {
@@ -65,11 +80,14 @@ int Execute(const Invocation& invocation) {
             // Read here, where the name means what the user meant; the events are tracked by
             // the file they came from.
             QFile file(invocation.calendarFile);
-            if (!file.open(QIODevice::ReadOnly)) {
+            if (!file.open(QIODevice::ReadOnly) || !ReadAtMost(file, request.calendar)) {
                 return Fail(QStringLiteral("cannot read %1: %2")
                                 .arg(invocation.calendarFile, file.errorString()));
             }
-            request.calendar = file.readAll();
+            if (request.calendar.size() > MAX_CALENDAR_BYTES) {
+                return Fail(QStringLiteral("%1: %2; nothing was imported")
+                                .arg(invocation.calendarFile, CalendarTooLarge()));
+            }
             request.source = QFileInfo(file).canonicalFilePath();
         }
         const QString exportFile =

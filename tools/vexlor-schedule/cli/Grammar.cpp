@@ -1,7 +1,5 @@
 #include "cli/Grammar.h"
 
-#include <unistd.h>
-
 #include <functional>
 #include <limits>
 #include <string>
@@ -9,6 +7,7 @@
 #include <vector>
 
 #include "base/Duration.h"
+#include "base/TitleRule.h"
 #include "base/WallTime.h"
 #include "cli/Arguments.h"
 #include "plans/Rules.h"
@@ -155,27 +154,15 @@ Reader FileInto(QString& target) {
     };
 }
 
-// Linux refuses a single environment string longer than MAX_ARG_STRLEN (32 pages, the
-// terminating NUL included), and the capture command gets the title as VEXLOR_TITLE=<title>.
-// Checked at add, so that the recording does not fail only when it is due.
+// Checked here so that the recording does not fail only when it is due; a plan's title is
+// checked again once --repeat is known.
 Reader TitleInto(QString& target) {
     return [&target](const QString& title) {
-        const long long limit = 32LL * ::sysconf(_SC_PAGESIZE);
-        const long long overhead = static_cast<long long>(sizeof("VEXLOR_TITLE="));  // with NUL
-        const long long size = title.toUtf8().size();
-        if (title.isEmpty()) {
-            return QStringLiteral("the title must not be empty");
+        const QString problem = TitleProblem(title);
+        if (problem.isEmpty()) {
+            target = title;
         }
-        if (size + overhead > limit) {
-            return QStringLiteral(
-                       "the title is too long: %1 bytes in UTF-8, at most %2 (the capture "
-                       "command's environment holds at most %3 bytes for VEXLOR_TITLE=<title>, "
-                       "terminating NUL included)")
-                .arg(QString::number(size), QString::number(limit - overhead),
-                     QString::number(limit));
-        }
-        target = title;
-        return QString();
+        return problem;
     };
 }
 

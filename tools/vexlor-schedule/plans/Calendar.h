@@ -17,6 +17,14 @@ struct ImportResult {
     bool changed = false;
 };
 
+// The most bytes a calendar file may hold. Far beyond any real calendar (a year of busy
+// days takes a few hundred KiB), it bounds the memory and time an import takes; `import`
+// refuses a file over it before reading further.
+constexpr qint64 MAX_CALENDAR_BYTES = 4 * 1024 * 1024;
+
+// Why a calendar over MAX_CALENDAR_BYTES is refused.
+QString CalendarTooLarge();
+
 // Takes the events of an .ics file into the schedule: a VEVENT with an RRULE becomes a
 // plan, one without a one-off record. `source` names the file: an event imported from it
 // before is found again by its UID and updated, and the events from it that are gone are

@@ -11,9 +11,11 @@
 #include <KCalendarCore/RecurrenceRule>
 #include <QTimeZone>
 
+#include "base/TitleRule.h"
 #include "base/WallTime.h"
 #include "plans/CalendarProperties.h"
 #include "plans/CalendarScan.h"
+#include "plans/Occurrences.h"
 #include "plans/Rules.h"
 
 namespace Vexlor::ScheduleTool::Ics {
@@ -136,6 +138,13 @@ bool EventReader::ReadStart() {
 
 bool EventReader::CheckContent() {
     title_ = event_->summary().trimmed();
+    // As `add` checks it; before any line that quotes the title.
+    const int appended = Has(scanned_, "RRULE") ? OCCURRENCE_STAMP_BYTES : 0;
+    if (!title_.isEmpty()) {
+        if (const QString problem = TitleProblem(title_, appended); !problem.isEmpty()) {
+            return Skip(QStringLiteral("skipped %1: %2").arg(where_, problem));
+        }
+    }
     if (event_->allDay()) {
         return Skip(
             QStringLiteral("skipped %1 (\"%2\"): it has no time of day").arg(where_, title_));
@@ -159,8 +168,9 @@ bool EventReader::CheckContent() {
 // The event is kept without what it holds that is not carried out; the line says what.
 void EventReader::NoteLeftOut(const KCalendarCore::Recurrence& recurrence) {
     QStringList unused;
+    std::set<QString> named;  // a hostile event may hold many thousand names
     for (const Property& property : scanned_.properties) {
-        if (!USED.count(property.name) && !unused.contains(property.name)) {
+        if (!USED.count(property.name) && named.insert(property.name).second) {
             unused << property.name;
         }
     }

@@ -9,7 +9,9 @@
 #include <KCalendarCore/Recurrence>
 #include <KCalendarCore/RecurrenceRule>
 #include <QCryptographicHash>
+#include <QHash>
 #include <QRegularExpression>
+#include <QSet>
 #include <QTimeZone>
 
 #include "base/WallTime.h"
@@ -104,16 +106,13 @@ KCalendarCore::Event::Ptr PlanEvent(const Plan& plan, KCalendarCore::ICalFormat&
     return event;
 }
 
-KCalendarCore::Event::Ptr RecordEvent(const QK::RecordTime& record, const PlanBook& book) {
+// `imported`: the UIDs of the imported records, by title.
+KCalendarCore::Event::Ptr RecordEvent(const QK::RecordTime& record,
+                                      const QHash<QString, QString>& imported) {
     auto event = KCalendarCore::Event::Ptr::create();
-    QString uid =
-        MadeUpUid(record.title, QString::number(record.startTime.time_since_epoch().count()));
-    for (const ImportedRecord& entry : book.imported) {
-        if (entry.record.title == record.title) {
-            uid = entry.uid;
-        }
-    }
-    event->setUid(uid);
+    event->setUid(imported.value(
+        record.title,
+        MadeUpUid(record.title, QString::number(record.startTime.time_since_epoch().count()))));
     event->setSummary(record.title);
     // The second of two equal wall times of a fold would be read back as the first.
     const long long seconds = record.startTime.time_since_epoch().count() / 1000000;
@@ -130,15 +129,22 @@ KCalendarCore::Event::Ptr RecordEvent(const QK::RecordTime& record, const PlanBo
 QString WriteCalendar(const QK::RecordTimeList& schedule, const PlanBook& book) {
     auto calendar = KCalendarCore::MemoryCalendar::Ptr::create(QTimeZone::utc());
     KCalendarCore::ICalFormat format;
+    QSet<QString> plans;
     for (const Plan& plan : book.plans) {
         calendar->addEvent(PlanEvent(plan, format));
+        plans.insert(plan.title);
+    }
+    // Looked up by title, not searched for each record: the later of two entries counts.
+    QHash<QString, QString> imported;
+    for (const ImportedRecord& entry : book.imported) {
+        imported.insert(entry.record.title, entry.uid);
     }
     for (const QK::RecordTime& record : schedule) {
-        if (std::any_of(book.plans.begin(), book.plans.end(),
-                        [&](const Plan& p) { return IsOccurrenceOf(p, record.title); })) {
+        const auto plan = OccurrenceOf(record.title);
+        if (plan && plans.contains(*plan)) {
             continue;  // the plan's RRULE stands for it
         }
-        calendar->addEvent(RecordEvent(record, book));
+        calendar->addEvent(RecordEvent(record, imported));
     }
     return PutWallStarts(format.toString(calendar));
 }

@@ -42,10 +42,20 @@ QString OccurrenceTitle(const Plan& plan, Time::TimePoint start) {
     return QStringLiteral("%1 (%2)").arg(plan.title, wall.toString(format));
 }
 
-bool IsOccurrenceOf(const Plan& plan, const QString& title) {
+std::optional<QString> OccurrenceOf(const QString& title) {
     static const QRegularExpression stamp(
         QStringLiteral("^ \\(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d(:\\d\\d)?\\)$"));
-    return title.startsWith(plan.title) && stamp.match(title.mid(plan.title.size())).hasMatch();
+    // The stamp holds " (" only at its start, so only the last " (" can begin it.
+    const int at = title.lastIndexOf(QStringLiteral(" ("));
+    if (at < 0 || !stamp.match(title.midRef(at)).hasMatch()) {
+        return std::nullopt;
+    }
+    return title.left(at);
+}
+
+bool IsOccurrenceOf(const Plan& plan, const QString& title) {
+    const auto of = OccurrenceOf(title);
+    return of && *of == plan.title;
 }
 
 QK::RecordTime OccurrenceRecord(const Plan& plan, Time::TimePoint start) {
@@ -58,21 +68,29 @@ QK::RecordTime OccurrenceRecord(const Plan& plan, Time::TimePoint start) {
     return record;
 }
 
-std::optional<Time::TimePoint> NextOccurrence(const Plan& plan,
-                                              const QK::RecordTimeList& schedule) {
-    std::optional<Time::TimePoint> next;
+QHash<QString, Time::TimePoint> FirstOccurrences(const QK::RecordTimeList& schedule) {
+    QHash<QString, Time::TimePoint> first;
     for (const QK::RecordTime& record : schedule) {
-        if (IsOccurrenceOf(plan, record.title) && (!next || record.startTime < *next)) {
-            next = record.startTime;
+        if (const auto plan = OccurrenceOf(record.title)) {
+            const auto found = first.find(*plan);
+            if (found == first.end()) {
+                first.insert(*plan, record.startTime);
+            } else if (record.startTime < *found) {
+                *found = record.startTime;
+            }
         }
     }
-    if (!next) {
-        const auto starts = Occurrences(plan, plan.placedUntil, 1);
-        if (!starts.empty()) {
-            next = starts.front();
-        }
+    return first;
+}
+
+std::optional<Time::TimePoint> NextOccurrence(const Plan& plan,
+                                              const QHash<QString, Time::TimePoint>& first) {
+    const auto found = first.find(plan.title);
+    if (found != first.end()) {
+        return *found;
     }
-    return next;
+    const auto starts = Occurrences(plan, plan.placedUntil, 1);
+    return starts.empty() ? std::nullopt : std::optional<Time::TimePoint>(starts.front());
 }
 
 }  // namespace Vexlor::ScheduleTool

@@ -1,5 +1,7 @@
 #include "plans/Plan.h"
 
+#include <algorithm>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -75,8 +77,28 @@ bool SameDefinition(const Plan& a, const Plan& b) {
            a.mode == b.mode && a.uid == b.uid && a.source == b.source;
 }
 
+// What EncodePlans keeps, compared without encoding: the book is compared after every import
+// and top-up, and may hold a record for each event of a large calendar.
 bool operator==(const PlanBook& a, const PlanBook& b) {
-    return EncodePlans(a) == EncodePlans(b);
+    const auto wall = [](const QList<QDateTime>& times) {
+        QStringList texts;
+        for (const QDateTime& time : times) {
+            texts << WallText(time);
+        }
+        return texts;
+    };
+    const auto samePlan = [&wall](const Plan& x, const Plan& y) {
+        return x.title == y.title && x.rule == y.rule && WallText(x.start) == WallText(y.start) &&
+               x.zone == y.zone && wall(x.exceptions) == wall(y.exceptions) &&
+               x.duration == y.duration && x.tag == y.tag && x.mode == y.mode && x.uid == y.uid &&
+               x.source == y.source && x.placedUntil == y.placedUntil;
+    };
+    const auto sameRecord = [](const ImportedRecord& x, const ImportedRecord& y) {
+        return x.source == y.source && x.uid == y.uid && x.record == y.record;
+    };
+    return std::equal(a.plans.begin(), a.plans.end(), b.plans.begin(), b.plans.end(), samePlan) &&
+           std::equal(a.imported.begin(), a.imported.end(), b.imported.begin(), b.imported.end(),
+                      sameRecord);
 }
 
 QByteArray EncodePlans(const PlanBook& book) {

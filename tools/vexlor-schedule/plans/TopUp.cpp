@@ -4,28 +4,24 @@
 
 #include "core/Saturating.h"
 #include "plans/Occurrences.h"
+#include "plans/ScheduleIndex.h"
 
 namespace Vexlor::ScheduleTool {
 
 namespace {
 
-int PendingOccurrences(const Plan& plan, const QK::RecordTimeList& schedule) {
-    return static_cast<int>(std::count_if(
-        schedule.begin(), schedule.end(),
-        [&plan](const QK::RecordTime& record) { return IsOccurrenceOf(plan, record.title); }));
-}
-
-// Why `record` cannot join `schedule`, or nothing.
-QString Collision(const QK::RecordTimeList& schedule, const QK::RecordTime& record) {
-    for (const QK::RecordTime& existing : schedule) {
-        if (existing.title == record.title) {
-            return QStringLiteral("its title is taken");
-        }
-        if (existing.startTime == record.startTime) {
-            // The scheduler keeps one record per start time.
-            return QStringLiteral("it would start at the same moment as \"%1\"")
-                .arg(existing.title);
-        }
+// Why `record` cannot join the schedule, or nothing: what the first record in the way, in the
+// schedule's order, has in common with it.
+QString Collision(ScheduleIndex& schedule, const QK::RecordTime& record) {
+    const std::size_t sameTitle = schedule.FirstTitled(record.title);
+    const std::size_t sameStart = schedule.FirstAt(record.startTime);
+    if (sameTitle != ScheduleIndex::NONE && sameTitle <= sameStart) {
+        return QStringLiteral("its title is taken");
+    }
+    if (sameStart != ScheduleIndex::NONE) {
+        // The scheduler keeps one record per start time.
+        return QStringLiteral("it would start at the same moment as \"%1\"")
+            .arg(schedule.At(sameStart).title);
     }
     return {};
 }
@@ -33,11 +29,12 @@ QString Collision(const QK::RecordTimeList& schedule, const QK::RecordTime& reco
 }  // namespace
 
 TopUpResult TopUp(const QK::RecordTimeList& schedule, const PlanBook& book, Time::TimePoint now) {
-    TopUpResult result{schedule, book, {}, {}, false};
+    TopUpResult result{{}, book, {}, {}, false};
+    ScheduleIndex index(schedule);
     const Time::TimePoint horizonEnd = Core::SaturatingAdd(now, PLAN_HORIZON);
     std::vector<Plan> kept;
     for (Plan plan : book.plans) {
-        std::size_t pending = PendingOccurrences(plan, result.schedule);
+        std::size_t pending = static_cast<std::size_t>(index.OccurrencesOf(plan.title));
         // Occurrences that start before this are over.
         const Time::TimePoint overUntil =
             Core::SaturatingSub(now, std::max(plan.duration, Time::Microseconds(1)));
@@ -51,12 +48,12 @@ TopUpResult TopUp(const QK::RecordTimeList& schedule, const PlanBook& book, Time
             }
             plan.placedUntil = start;
             const QK::RecordTime record = OccurrenceRecord(plan, start);
-            const QString collision = Collision(result.schedule, record);
+            const QString collision = Collision(index, record);
             if (!collision.isEmpty()) {
                 result.notes << QStringLiteral("left out \"%1\": %2").arg(record.title, collision);
                 continue;
             }
-            result.schedule.push_back(record);
+            index.Add(record);
             result.added.push_back(record);
             ++pending;
             if (beyond) {
@@ -69,6 +66,7 @@ TopUpResult TopUp(const QK::RecordTimeList& schedule, const PlanBook& book, Time
         kept.push_back(std::move(plan));
     }
     result.book.plans = std::move(kept);
+    result.schedule = index.Records();
     std::stable_sort(
         result.schedule.begin(), result.schedule.end(),
         [](const QK::RecordTime& a, const QK::RecordTime& b) { return a.startTime < b.startTime; });

@@ -221,6 +221,10 @@ EditOutcome Remove(const ScheduleState& state, const QString& title) {
 
 EditOutcome Import(const ScheduleState& state, const EditRequest& request,
                    const EditContext& context) {
+    if (request.calendar.size() > MAX_CALENDAR_BYTES) {
+        return Refused(
+            QStringLiteral("%1: %2; nothing was imported").arg(request.source, CalendarTooLarge()));
+    }
     const ImportResult result =
         ImportCalendar(state.schedule, state.plans, request.calendar, request.source, context.now);
     if (!result.error.isEmpty()) {

@@ -5,6 +5,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 
 #include "base/Duration.h"
 #include "base/RecordText.h"
@@ -121,12 +122,15 @@ QString Document(const QJsonObject& json) {
 }
 
 int FromPlans(const ScheduleState& state) {
-    return static_cast<int>(std::count_if(
-        state.schedule.begin(), state.schedule.end(), [&state](const QK::RecordTime& record) {
-            return std::any_of(
-                state.plans.plans.begin(), state.plans.plans.end(),
-                [&record](const Plan& p) { return IsOccurrenceOf(p, record.title); });
-        }));
+    QSet<QString> plans;
+    for (const Plan& plan : state.plans.plans) {
+        plans.insert(plan.title);
+    }
+    return static_cast<int>(std::count_if(state.schedule.begin(), state.schedule.end(),
+                                          [&plans](const QK::RecordTime& record) {
+                                              const auto plan = OccurrenceOf(record.title);
+                                              return plan && plans.contains(*plan);
+                                          }));
 }
 
 }  // namespace
@@ -208,13 +212,14 @@ EditOutcome List(const ScheduleState& state, bool json) {
             records.append(RecordJson(record));
         }
         QJsonArray plans;
+        const auto first = FirstOccurrences(state.schedule);
         for (const Plan& plan : state.plans.plans) {
             QJsonObject object{{QStringLiteral("title"), plan.title},
                                {QStringLiteral("rule"), plan.rule},
                                {QStringLiteral("durationMs"), Milliseconds(plan.duration)},
                                {QStringLiteral("tag"), plan.tag},
                                {QStringLiteral("mode"), plan.mode}};
-            if (const auto next = NextOccurrence(plan, state.schedule)) {
+            if (const auto next = NextOccurrence(plan, first)) {
                 PutTime(object, QStringLiteral("next"), *next);
             }
             plans.append(object);
@@ -226,8 +231,9 @@ EditOutcome List(const ScheduleState& state, bool json) {
     for (const QK::RecordTime& record : state.schedule) {
         outcome.out += Line(FormatRecordLine(record));
     }
+    const auto first = FirstOccurrences(state.schedule);
     for (const Plan& plan : state.plans.plans) {
-        const auto next = NextOccurrence(plan, state.schedule);
+        const auto next = NextOccurrence(plan, first);
         outcome.out +=
             Line(QStringLiteral("plan %1  %2  %3  next %4")
                      .arg(QuoteTitle(plan.title), plan.rule, FormatDuration(plan.duration),

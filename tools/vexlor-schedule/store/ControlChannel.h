@@ -13,7 +13,8 @@ class QLocalSocket;
 namespace Vexlor::ScheduleTool {
 
 // The local socket on which the active `run` takes edits from other processes: one request
-// per connection, one line of bytes each way. Only the user's own processes may connect.
+// per connection, one line of bytes each way. Only the user's own processes may connect,
+// and a connection from another user's process is dropped unread.
 class ControlServer {
 public:
     // Calls `answer` once, now or later; an answer for a client that has gone is dropped.
@@ -40,8 +41,9 @@ struct ControlAnswer {
     QByteArray answer;  // Answered
 };
 
-// Connect: whether a run listens at `socketPath`. Exchange hands it `request`; Lost: the run
-// went away before it answered (it never took the edit), or did not answer within
+// Connect: whether a run listens at `socketPath`; throws std::runtime_error, having sent
+// nothing, when the process there is not this user's. Exchange hands it `request`; Lost: the
+// run went away before it answered (it never took the edit), or did not answer within
 // `patience` (whether it took the edit is unknown).
 struct ControlClient {
     static bool Connect(QLocalSocket& socket, const QString& socketPath);

@@ -16,16 +16,48 @@ namespace Vexlor::ScheduleTool {
 
 namespace {
 
+// Locks and the control socket are only safe in a folder that is the user's and that no one
+// else may write: another user could otherwise put a socket of theirs where ours is looked
+// for, and take every request sent to it, titles and all.
+void CheckPrivate(const QString& folder, const QByteArray& name) {
+    struct stat info {};
+    if (::stat(name.constData(), &info) != 0) {
+        throw std::runtime_error(QStringLiteral("cannot use the runtime folder %1: %2")
+                                     .arg(folder, QString::fromLocal8Bit(std::strerror(errno)))
+                                     .toStdString());
+    }
+    const QString fix = QStringLiteral(
+        "; set XDG_RUNTIME_DIR to a folder of this user's that no one else may write");
+    if (info.st_uid != ::getuid()) {
+        throw std::runtime_error(
+            QStringLiteral("the runtime folder %1 belongs to uid %2, not to this user (uid %3)%4")
+                .arg(folder)
+                .arg(info.st_uid)
+                .arg(::getuid())
+                .arg(fix)
+                .toStdString());
+    }
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw std::runtime_error(
+            QStringLiteral("the runtime folder %1 may be written by other users (mode %2)%3")
+                .arg(folder, QString::number(info.st_mode & 07777, 8).rightJustified(4, '0'), fix)
+                .toStdString());
+    }
+}
+
 // $XDG_RUNTIME_DIR, else the one the login manager makes, else a private folder of ours in
 // the temporary folder. Without the first two, processes that share a schedule still meet.
+// Links are resolved, so that the folder checked is the one used.
 QString RuntimeFolder() {
     const QString fromEnvironment = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    if (!fromEnvironment.isEmpty() && QFileInfo(fromEnvironment).isDir()) {
-        return fromEnvironment;
-    }
     const QString perUser = QStringLiteral("/run/user/%1").arg(::getuid());
-    if (QFileInfo(perUser).isDir()) {
-        return perUser;
+    for (const QString& folder : {fromEnvironment, perUser}) {
+        const QFileInfo info(folder);
+        if (!folder.isEmpty() && info.isDir()) {
+            const QString resolved = info.canonicalFilePath();
+            CheckPrivate(folder, QFile::encodeName(resolved));
+            return resolved;
+        }
     }
     const QString own = QDir::tempPath() + QStringLiteral("/vexlor-schedule-%1").arg(::getuid());
     const QByteArray name = QFile::encodeName(own);

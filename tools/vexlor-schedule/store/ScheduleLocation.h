@@ -18,9 +18,10 @@ struct ScheduleLocation {
 // whose file does not exist yet.
 QString CanonicalSettingsPath(const QString& path);
 
-// Locks and socket go in the user's runtime folder ($XDG_RUNTIME_DIR, else a private folder
-// that Qt makes), named after a hash of the canonical path. Throws std::runtime_error when
-// that folder cannot be had.
+// Locks and socket go in the user's runtime folder ($XDG_RUNTIME_DIR, else /run/user/UID,
+// else a private folder in the temporary folder), named after a hash of the canonical path.
+// Throws std::runtime_error when that folder cannot be had, or is not the user's or may be
+// written by others.
 ScheduleLocation LocateSchedule(const QString& settingsPath);
 
 }  // namespace Vexlor::ScheduleTool
