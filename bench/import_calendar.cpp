@@ -2,11 +2,11 @@
 // schedule it read: into an empty schedule, again unchanged, again with every event
 // moved, and an empty calendar from the same file (every event removed).
 //
-//   import_calendar [--plans] N...        one line of times per N
-//   import_calendar [--plans] --write FILE N   the calendar of N events, for the program
+//   import_calendar [--plans K] N...             one line of times per N
+//   import_calendar [--plans K] --write FILE N   the calendar of N events, for the program
 //
 // One-off events start a minute apart from a day ahead, each with its own title and UID;
-// with --plans every tenth is a weekly plan instead.
+// with --plans every K-th is a weekly plan instead.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -23,13 +23,13 @@ namespace {
 
 using namespace Vexlor::ScheduleTool;
 
-QByteArray Calendar(int count, bool plans, int shiftMinutes) {
+QByteArray Calendar(int count, int planEvery, int shiftMinutes) {
     const QDateTime first = QDateTime::currentDateTimeUtc().addDays(1).addSecs(60LL * shiftMinutes);
     QByteArray text = "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//Bench//EN\r\n";
     text.reserve(count * 110);
     for (int i = 0; i < count; ++i) {
         // A plan starts 30 s off the minute, so that its occurrences meet no one-off start.
-        const bool plan = plans && i % 10 == 0;
+        const bool plan = planEvery > 0 && i % planEvery == 0;
         const QDateTime start = first.addSecs(60LL * i + (plan ? 30 : 0));
         text += "BEGIN:VEVENT\r\nUID:event-" + QByteArray::number(i) + "@bench\r\nSUMMARY:Event " +
                 QByteArray::number(i) +
@@ -65,15 +65,18 @@ double Import(ScheduleState& state, const QByteArray& calendar) {
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     int first = 1;
-    const bool plans = argc > 1 && std::strcmp(argv[1], "--plans") == 0;
-    first += plans ? 1 : 0;
+    int plans = 0;
+    if (argc > 2 && std::strcmp(argv[1], "--plans") == 0) {
+        plans = std::atoi(argv[2]);
+        first += 2;
+    }
     if (argc == first + 3 && std::strcmp(argv[first], "--write") == 0) {
         QFile file(QString::fromLocal8Bit(argv[first + 1]));
         const QByteArray text = Calendar(std::atoi(argv[first + 2]), plans, 0);
         return file.open(QIODevice::WriteOnly) && file.write(text) == text.size() ? 0 : 1;
     }
     if (argc == first) {
-        std::fprintf(stderr, "usage: import_calendar [--plans] N... | --write FILE N\n");
+        std::fprintf(stderr, "usage: import_calendar [--plans K] N... | --write FILE N\n");
         return 2;
     }
     std::printf("%8s %9s %8s %8s %8s %8s %8s\n", "events", "bytes", "records", "new", "again",

@@ -164,7 +164,7 @@ TEST_F(PrivacyTest, ARuntimeFolderThatIsNotPrivateIsRefusedByEveryCommand) {
         {"WritableByAll", 0777, ::getuid(), "may be written by other users (mode 0777)"},
         {"StickyLikeTmp", 01777, ::getuid(), "may be written by other users (mode 1777)"},
         {"GroupWritable", 0730, ::getuid(), "may be written by other users (mode 0730)"},
-        {"AnotherUsers", 0700, NOBODY, "belongs to uid 65534, not to this user"},
+        {"Another%2Users", 0700, NOBODY, "belongs to uid 65534, not to this user"},
     };
     for (const Row& row : rows) {
         const QString folder = FilePath(row.name);

@@ -49,9 +49,7 @@ ControlServer::ControlServer(const QString& socketPath, Handler handler)
             QStringLiteral("cannot listen for edits on %1: the path is %2 bytes long, and a local "
                            "socket's path (sun_path) holds at most %3; set XDG_RUNTIME_DIR to a "
                            "folder with a shorter path")
-                .arg(socketPath)
-                .arg(length)
-                .arg(MAX_SOCKET_PATH)
+                .arg(socketPath, QString::number(length), QString::number(MAX_SOCKET_PATH))
                 .toStdString());
     }
     QLocalServer::removeServer(socketPath);
@@ -117,9 +115,10 @@ bool ControlClient::Connect(QLocalSocket& socket, const QString& socketPath) {
         throw std::runtime_error(
             QStringLiteral("the control socket %1 is served by %2, not by this user (uid %3); "
                            "nothing was sent to it")
-                .arg(socketPath, peer ? QStringLiteral("uid %1").arg(*peer)
-                                      : QStringLiteral("a process whose user cannot be told"))
-                .arg(::getuid())
+                .arg(socketPath,
+                     peer ? QStringLiteral("uid %1").arg(*peer)
+                          : QStringLiteral("a process whose user cannot be told"),
+                     QString::number(::getuid()))
                 .toStdString());
     }
     return true;

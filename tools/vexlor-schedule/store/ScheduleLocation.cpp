@@ -31,10 +31,7 @@ void CheckPrivate(const QString& folder, const QByteArray& name) {
     if (info.st_uid != ::getuid()) {
         throw std::runtime_error(
             QStringLiteral("the runtime folder %1 belongs to uid %2, not to this user (uid %3)%4")
-                .arg(folder)
-                .arg(info.st_uid)
-                .arg(::getuid())
-                .arg(fix)
+                .arg(folder, QString::number(info.st_uid), QString::number(::getuid()), fix)
                 .toStdString());
     }
     if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
