@@ -71,8 +71,10 @@ INSTANTIATE_TEST_SUITE_P(
                "being recorded now"},
         AddRow{"OverlapAllowed", AddOf(Record("Beside", 4000, 60), true, true), false, 0, "added"},
         // Spans are [start, end): back to back is no overlap, a second more is.
-        AddRow{"StartsAsPlannedEnds", AddOf(Record("After", 5400, 60), false, true), false, 0, "added"},
-        AddRow{"EndsAsPlannedStarts", AddOf(Record("Before", 3540, 60), false, true), false, 0, "added"},
+        AddRow{"StartsAsPlannedEnds", AddOf(Record("After", 5400, 60), false, true), false, 0,
+               "added"},
+        AddRow{"EndsAsPlannedStarts", AddOf(Record("Before", 3540, 60), false, true), false, 0,
+               "added"},
         AddRow{"OverlapsByASecond", AddOf(Record("Into", 5399, 60)), false, 1, "overlaps"},
         AddRow{"BegunIsAccepted", AddOf(Record("Begun", -300, 3600), true, true), false, 0,
                "it has begun"},
