@@ -148,7 +148,16 @@ TEST_F(OneWriterTest, ARecordUnderWayIsStartedAtOnceNeverAcceptedAndSkipped) {
     EXPECT_TRUE(begun.out.contains("it has begun")) << begun.out.toStdString();
     auto run = StartRun();
     EXPECT_TRUE(WaitForOutput(*run, "recording started: \"Begun\"", 2000));
+    // Begun too, while "Begun" is recorded: what is left of it follows.
+    const QString besideAt =
+        QDateTime::currentDateTime().addMSecs(-1000).toString("yyyy-MM-dd HH:mm:ss");
+    EXPECT_EQ(Run({"add", "Beside", "--at", besideAt, "--for", "6s", "--allow-overlap", "--enable"})
+                  .exitCode,
+              0);
     ASSERT_TRUE(WaitForOutput(*run, "recording finished: \"Begun\"", 6000));
+    EXPECT_TRUE(WaitForOutput(*run, "recording started: \"Beside\"", 1000));
+    EXPECT_TRUE(seen.contains("(began late: \"Begun\" overlaps it")) << seen.toStdString();
+    ASSERT_TRUE(WaitForOutput(*run, "recording finished: \"Beside\"", 6000));
 
     EXPECT_EQ(Run({"add", "Now", "--in", "0", "--for", "1s", "--enable"}).exitCode, 0);
     EXPECT_TRUE(WaitForOutput(*run, "recording started: \"Now\"", 2000));

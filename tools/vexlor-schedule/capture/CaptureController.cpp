@@ -38,7 +38,7 @@ CaptureController::CaptureController(ICaptureEvents& events, CaptureSetup setup,
     pendingTimer.setTimerType(Qt::PreciseTimer);
     QObject::connect(&pendingTimer, &QTimer::timeout, [this] { BeginPending(); });
     handOverTimer.setInterval(HAND_OVER_CHECK_MS);
-    QObject::connect(&handOverTimer, &QTimer::timeout, [this] { CheckHandOver(); });
+    QObject::connect(&handOverTimer, &QTimer::timeout, [this] { HandOverIfDue(); });
 }
 
 // The captures' processes, if any, kill what is left of their commands.
@@ -208,7 +208,7 @@ void CaptureController::Ended(const Capture& capture) {
 }
 
 // While the scheduler waits for a capture, its next record may fall due.
-void CaptureController::CheckHandOver() {
+void CaptureController::HandOverIfDue() {
     if (!held || requested || !scheduler->IsEnabled()) {
         return;
     }

@@ -64,6 +64,11 @@ public:
     // No capture runs and none is on its way.
     bool IsIdle() const { return !held && Running() == 0 && pendings.empty(); }
 
+    // Tells the scheduler now that the capture stopped, when its next record falls due soon
+    // (checked every 100 ms while it waits): for a schedule just handed to it, whose first
+    // record it would drop once its start passed.
+    void HandOverIfDue();
+
     // Ends every running capture (the command gets SIGTERM, SIGKILL 5 s later) and one on its
     // way, and calls `done` once all have ended and the scheduler was told; at once when none
     // runs. A second Stop while the first waits calls both.
@@ -90,7 +95,6 @@ private:
     void Begin(const QK::RecordTime& record, Time::TimePoint windowStart, const QString& note,
                bool heldByScheduler);
     void Ended(const Capture& capture);
-    void CheckHandOver();
     void Release();
     void AfterChange();
     std::size_t Running() const;

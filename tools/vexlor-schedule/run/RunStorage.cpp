@@ -28,6 +28,7 @@ QK::RecordTimeList RunSession::ApplyState(const ScheduleState& state) {
     }
     WritePlans(*storage, state.plans);
     drops.SetKnown(running);
+    controller->HandOverIfDue();  // a caught-up record must not wait for a running capture
     CheckIdle();
     QK::RecordTimeList dropped;
     for (const QK::RecordTime& record : schedule) {
